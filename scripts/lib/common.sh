@@ -1,0 +1,33 @@
+# Shared shell helpers for the project's scripts. Sourced, not run.
+
+project_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
+}
+
+# Installs the named Debian packages that are not installed yet; a machine
+# that has them all makes no call to apt at all.
+ensure_packages() {
+  local missing=() pkg
+  for pkg in "$@"; do
+    dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' ||
+      missing+=("$pkg")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  echo "Installing: ${missing[*]}"
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+    "${missing[@]}" >/dev/null
+}
+
+# Everything the build, the tests, the demo and the benchmarks use.
+project_packages=(
+  build-essential cmake pkg-config git
+  libgtest-dev libbenchmark-dev
+  libpq-dev postgresql
+  libssl-dev libp11-kit-dev
+  softhsm2 opencryptoki
+  clang libclang-rt-14-dev
+  valgrind
+)
