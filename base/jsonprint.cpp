@@ -284,7 +284,8 @@ void destroyStringWriterCustomJsonPrinter(jsonPrinter *printer) {
 
 uint64_t SWCJP_getLength(jsonPrinter *printer) {
   StringWriterContext *writer = writerOf(printer);
-  return writer == nullptr ? 0 : writer->capacity - writer->remaining;
+  // The kept-back terminator byte is not part of the text.
+  return writer == nullptr || writer->capacity == 0 ? 0 : writer->capacity - 1 - writer->remaining;
 }
 
 char *SWCJP_getStringPtr(jsonPrinter *printer) {

@@ -125,7 +125,7 @@ void destroyStringWriterContext(StringWriterContext *context);
 jsonPrinter *makeStringWriterCustomJsonPrinter(uint64_t capacity);
 // Destroys the string writer, then the printer. Accepts null.
 void destroyStringWriterCustomJsonPrinter(jsonPrinter *printer);
-// Bytes written so far.
+// Length of the text written so far, without the terminator.
 uint64_t SWCJP_getLength(jsonPrinter *printer);
 // The terminated text, owned by the string writer.
 char *SWCJP_getStringPtr(jsonPrinter *printer);
