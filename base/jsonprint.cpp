@@ -295,7 +295,7 @@ char *SWCJP_getStringPtr(jsonPrinter *printer) {
 
 uint64_t SWCJP_copyBytes(jsonPrinter *printer, char *destination, uint64_t destinationSize) {
   uint64_t length = SWCJP_getLength(printer);
-  if (destinationSize < length || length == 0)
+  if (destination == nullptr || destinationSize < length || length == 0)
     return 0;
   // Past the text the buffer holds only zeros, so this matches a strncpy of
   // length bytes, padding included.
@@ -343,13 +343,15 @@ void jsonAddUnterminatedString(jsonPrinter *printer, const char *key, const char
 
 void jsonAddLimitedString(jsonPrinter *printer, const char *key, const char *bytes, int length) {
   // Signed on purpose: bytes from 0x80 up are dropped along with control characters.
-  while (length > 0 && static_cast<signed char>(bytes[length - 1]) <= 31)
+  while (bytes != nullptr && length > 0 && static_cast<signed char>(bytes[length - 1]) <= 31)
     length--;
   jsonAddUnterminatedString(printer, key, bytes, length);
 }
 
 void jsonAddJSONString(jsonPrinter *printer, const char *key, const char *text) {
-  jsonAddUnterminatedJSONString(printer, key, text, textLength(text));
+  // A missing fragment still leaves the document well-formed.
+  jsonAddUnterminatedJSONString(printer, key, text == nullptr ? "null" : text,
+                                text == nullptr ? 4 : textLength(text));
 }
 
 void jsonAddUnterminatedJSONString(jsonPrinter *printer, const char *key, const char *bytes,
