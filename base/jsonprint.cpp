@@ -83,7 +83,7 @@ int textLength(const char *text) {
   return text == nullptr ? 0 : static_cast<int>(strlen(text));
 }
 
-// Length of the UTF-8 multi-byte sequence led by lead, or 1. Only genuine
+// Length of the UTF-8 multi-byte sequence that starts at bytes[at], or 1. Only genuine
 // continuation bytes are taken along, so a quote or control character that
 // follows a broken lead byte is still escaped.
 int sequenceLength(const unsigned char *bytes, int at, int length) {
@@ -99,7 +99,7 @@ int sequenceLength(const unsigned char *bytes, int at, int length) {
 }
 
 JsonBuffer *bufferOf(jsonPrinter *printer) {
-  return static_cast<JsonBuffer *>(printer->sinkData);
+  return printer == nullptr ? nullptr : static_cast<JsonBuffer *>(printer->sinkData);
 }
 
 StringWriterContext *writerOf(jsonPrinter *printer) {
@@ -240,6 +240,8 @@ int writeToBuffer(jsonPrinter *printer, const char *bytes, int length) {
 }
 
 int createStringWriterContext(uint64_t capacity, StringWriterContext **context) {
+  if (context == nullptr)
+    return 0;
   auto *writer = reinterpret_cast<StringWriterContext *>(
       safeMalloc(sizeof(StringWriterContext), "StringWriterContext"));
   *context = writer;
