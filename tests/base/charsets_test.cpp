@@ -39,17 +39,6 @@ std::string translated(std::string bytes, const char *table) {
   return bytes;
 }
 
-TEST(Charsets, NamesOfTheKnownCcsids) {
-  EXPECT_STREQ(getCharsetName(819), "ISO-8859-1");
-  EXPECT_STREQ(getCharsetName(1200), "UTF-16");
-  EXPECT_STREQ(getCharsetName(1201), "UTF-16BE");
-  EXPECT_STREQ(getCharsetName(1202), "UTF-16LE");
-  EXPECT_STREQ(getCharsetName(1208), "UTF-8");
-  EXPECT_NE(getCharsetName(1047), nullptr);
-  EXPECT_EQ(getCharsetName(37), nullptr);
-  EXPECT_EQ(getCharsetName(0), nullptr);
-}
-
 TEST(Charsets, ConvertsBetweenCodePages) {
   EXPECT_EQ(convert("A", 1208, 1047), "\xC1");
   EXPECT_EQ(convert("\xC1", 1047, 1208), "A");

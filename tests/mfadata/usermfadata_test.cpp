@@ -224,6 +224,13 @@ TEST(UserMFADataHeap, CallerHeapOutlivesTheRecord) {
             0);
   EXPECT_EQ(record->inHeap, 0);
   kfactor_userMFAData_destroy(record);
+
+  // A failed call does not take over a heap it was offered.
+  const std::string unknown = FactorBuffer().factor("F").section(9, "").build();
+  EXPECT_EQ(kfactor_userMFAData_create3(heap, 1, 1, "BOB", 0, 1, 0, 0, unknown.data(),
+                                        static_cast<uint32_t>(unknown.size()), &record),
+            1200015);
+  EXPECT_NE(SLHAlloc(heap, 16), nullptr);
   SLHFree(heap);
 }
 
