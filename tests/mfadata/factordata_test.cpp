@@ -22,8 +22,7 @@ struct Factor {
   Tags pairs;
   std::vector<factorTag> tags;
   factorData data{};
-  Factor(const char *name, uint32_t active, const Tags &given)
-      : pairs(given), tags(given.size()) {
+  Factor(const char *name, uint32_t active, const Tags &given) : pairs(given), tags(given.size()) {
     for (std::size_t i = 0; i < pairs.size(); i++) {
       tags[i].tagName = const_cast<char *>(pairs[i].first.c_str());
       tags[i].tagValue = const_cast<char *>(pairs[i].second.c_str());
@@ -74,9 +73,8 @@ TEST_F(FactorDataTest, WrittenTagsReadBackThroughTheUserRecord) {
   EXPECT_STREQ(read->factors[0]->factorName, "QMXLDAP1");
   EXPECT_EQ(read->factors[0]->activeFlag, 1u);
   EXPECT_EQ(read->factors[0]->numTags, 3u);
-  EXPECT_EQ(tagsOf(read->factors[0]), (Tags{{"DN", "cn=O'Brien,o=example"},
-                                            {"SEARCHVAL", "a\"b\\c"},
-                                            {"LASTSEARCH", ""}}));
+  EXPECT_EQ(tagsOf(read->factors[0]),
+            (Tags{{"DN", "cn=O'Brien,o=example"}, {"SEARCHVAL", "a\"b\\c"}, {"LASTSEARCH", ""}}));
   kfactor_userMFAData_destroy(read);
 
   // A second write replaces tags and flag of the same link.
@@ -216,8 +214,8 @@ TEST(FactorDataSatisfiable, EveryFactorUsableAndOneCompleting) {
 
 TEST_F(FactorDataTest, FactorWideSettingsBufferRules) {
   const std::string settings = "{\"realmName\":\"r\"}";
-  ASSERT_EQ(kfactor_set_factorwide_settings(ctx, "QMXTOTP1", settings.c_str(), 0, nullptr,
-                                            nullptr, nullptr),
+  ASSERT_EQ(kfactor_set_factorwide_settings(ctx, "QMXTOTP1", settings.c_str(), 0, nullptr, nullptr,
+                                            nullptr),
             0);
   char buffer[64];
   int g = -1, k = -1, r = -1;
@@ -241,8 +239,7 @@ TEST_F(FactorDataTest, FactorWideSettingsBufferRules) {
   // Unset settings: codes 0 and the length untouched.
   length = 10;
   ASSERT_EQ(kfactor_get_factorwide_settings(ctx, "QMXYUBI1", buffer, &length, &g, &k, &r), 0);
-  EXPECT_EQ((std::vector<int>{g, k, r, static_cast<int>(length)}),
-            (std::vector<int>{0, 0, 0, 10}));
+  EXPECT_EQ((std::vector<int>{g, k, r, static_cast<int>(length)}), (std::vector<int>{0, 0, 0, 10}));
 
   EXPECT_EQ(kfactor_get_factorwide_settings(ctx, "NOSUCH", buffer, &length, &g, &k, &r), 80103);
   EXPECT_STREQ(kfactor_describe_rc(g, k, r, 80103), " (Factor not defined)");
