@@ -62,9 +62,10 @@ int qn_db_createDBCtx(dbctx **context, struct LoggingContext *logContext, const 
 void qn_db_destroyDbCtx(dbctx *context);
 
 // Attaches a password-hashing context (16-byte salts, 32-byte keys) on the
-// given open token session, which stays the caller's. The hashing context
-// outlives qn_db_destroyDbCtx: release it with qn_pwhash_ctx_destroy. Returns 0, or 80110 with the attachment
-// cleared; the context stays usable for operations that do not hash.
+// given open token session, which stays the caller's. Returns 0, or 80110
+// with the attachment cleared; the context stays usable for operations that
+// do not hash. The hashing context outlives qn_db_destroyDbCtx: release it
+// with qn_pwhash_ctx_destroy.
 int qn_db_createPwhashCtx(dbctx *context, struct qn_pkcs11_session *tokenSession,
                           int iterationCount);
 
