@@ -83,7 +83,7 @@ int textLength(const char *text) {
   return text == nullptr ? 0 : static_cast<int>(strlen(text));
 }
 
-// Length of the UTF-8 multi-byte sequence led by lead, or 1. Only genuine
+// Length of the UTF-8 multi-byte sequence that starts at bytes[at], or 1. Only genuine
 // continuation bytes are taken along, so a quote or control character that
 // follows a broken lead byte is still escaped.
 int sequenceLength(const unsigned char *bytes, int at, int length) {
@@ -99,7 +99,7 @@ int sequenceLength(const unsigned char *bytes, int at, int length) {
 }
 
 JsonBuffer *bufferOf(jsonPrinter *printer) {
-  return static_cast<JsonBuffer *>(printer->sinkData);
+  return printer == nullptr ? nullptr : static_cast<JsonBuffer *>(printer->sinkData);
 }
 
 StringWriterContext *writerOf(jsonPrinter *printer) {
@@ -240,6 +240,8 @@ int writeToBuffer(jsonPrinter *printer, const char *bytes, int length) {
 }
 
 int createStringWriterContext(uint64_t capacity, StringWriterContext **context) {
+  if (context == nullptr)
+    return 0;
   auto *writer = reinterpret_cast<StringWriterContext *>(
       safeMalloc(sizeof(StringWriterContext), "StringWriterContext"));
   *context = writer;
@@ -295,7 +297,7 @@ char *SWCJP_getStringPtr(jsonPrinter *printer) {
 
 uint64_t SWCJP_copyBytes(jsonPrinter *printer, char *destination, uint64_t destinationSize) {
   uint64_t length = SWCJP_getLength(printer);
-  if (destinationSize < length || length == 0)
+  if (destination == nullptr || destinationSize < length || length == 0)
     return 0;
   // Past the text the buffer holds only zeros, so this matches a strncpy of
   // length bytes, padding included.
@@ -343,13 +345,15 @@ void jsonAddUnterminatedString(jsonPrinter *printer, const char *key, const char
 
 void jsonAddLimitedString(jsonPrinter *printer, const char *key, const char *bytes, int length) {
   // Signed on purpose: bytes from 0x80 up are dropped along with control characters.
-  while (length > 0 && static_cast<signed char>(bytes[length - 1]) <= 31)
+  while (bytes != nullptr && length > 0 && static_cast<signed char>(bytes[length - 1]) <= 31)
     length--;
   jsonAddUnterminatedString(printer, key, bytes, length);
 }
 
 void jsonAddJSONString(jsonPrinter *printer, const char *key, const char *text) {
-  jsonAddUnterminatedJSONString(printer, key, text, textLength(text));
+  // A missing fragment still leaves the document well-formed.
+  jsonAddUnterminatedJSONString(printer, key, text == nullptr ? "null" : text,
+                                text == nullptr ? 4 : textLength(text));
 }
 
 void jsonAddUnterminatedJSONString(jsonPrinter *printer, const char *key, const char *bytes,

@@ -154,7 +154,8 @@ void jsonAddUnterminatedString(jsonPrinter *printer, const char *key, const char
 // As jsonAddUnterminatedString after dropping trailing bytes whose value as a
 // signed byte is 31 or less (control characters and every byte from 0x80 up).
 void jsonAddLimitedString(jsonPrinter *printer, const char *key, const char *bytes, int length);
-// A ready-made JSON fragment: converted in UTF-8 mode, never quoted or escaped.
+// A ready-made JSON fragment: converted in UTF-8 mode, never quoted or
+// escaped. Null text prints null.
 void jsonAddJSONString(jsonPrinter *printer, const char *key, const char *text);
 void jsonAddUnterminatedJSONString(jsonPrinter *printer, const char *key, const char *bytes,
                                    int length);

@@ -320,10 +320,6 @@ int kfactor_userMFAData_create3(ShortLivedHeap *heap, int useHeap, int ownHeap, 
   memset(data.get(), 0, sizeof(userMFAData));
   data->heap = heap;
   data->inHeap = recordInHeap ? 1 : 0;
-  data->ownsHeap = ownHeap ? 1 : 0;
-  // From here on the record releases the heap it owns.
-  if (ownHeap)
-    madeHeap.release();
 
   Pieces pieces(heap);
   data->factors = pieces.array<factorData>(std::max<uint32_t>(numFactors, MFADATA_FACTOR_SLOTS),
@@ -349,6 +345,10 @@ int kfactor_userMFAData_create3(ShortLivedHeap *heap, int useHeap, int ownHeap, 
     if (int rc = readPolicyNames(input, policyOffset, pieces, *data))
       return rc;
   }
+  // The record takes over the heap only on success, so that a failed call
+  // leaves a caller's heap to the caller.
+  data->ownsHeap = ownHeap ? 1 : 0;
+  madeHeap.release();
   *result = data.release();
   return 0;
 }
@@ -422,7 +422,9 @@ void kfactor_userMFAData_destroy(userMFAData *data) {
 }
 
 int factorTagList_copy(const factorTag *first, uint32_t count, factorData *factorCopy) {
-  if (!factorCopy || factorCopy->tags)
+  // Copies are checked allocations, which a factor inside a heap would never
+  // release.
+  if (!factorCopy || factorCopy->tags || factorCopy->heap)
     return MFADATA_BAD_ARGUMENT;
   Pieces pieces(nullptr);
   TagListPtr copies;

@@ -45,6 +45,7 @@ void writeSample(jsonPrinter *p) {
   jsonAddBoolean(p, "f", 0);
   jsonAddString(p, "s", nullptr);
   jsonAddJSONString(p, "j", "[1, 2]");
+  jsonAddJSONString(p, "n", nullptr);
   jsonStartObject(p, "e");
   jsonEndObject(p);
   jsonEndObject(p);
@@ -54,7 +55,7 @@ TEST(JsonPrinter, CompactDocument) {
   Printer p;
   writeSample(p);
   EXPECT_EQ(p.out, "{\"a\":-1,\"b\":[true,null],\"u\":4294967295,\"l\":-9007199254740993,"
-                   "\"d\":2.000000,\"f\":false,\"s\":\"\",\"j\":[1, 2],\"e\":{}}");
+                   "\"d\":2.000000,\"f\":false,\"s\":\"\",\"j\":[1, 2],\"n\":null,\"e\":{}}");
 }
 
 TEST(JsonPrinter, PrettyDocument) {
@@ -72,6 +73,7 @@ TEST(JsonPrinter, PrettyDocument) {
                    "  \"f\": false,\n"
                    "  \"s\": \"\",\n"
                    "  \"j\": [1, 2],\n"
+                   "  \"n\": null,\n"
                    "  \"e\": {\n"
                    "  }\n"
                    "}");
@@ -132,6 +134,14 @@ TEST(JsonPrinter, Utf8ModeConvertsStringsAndKeysFromSourceCodePage) {
     expected += "\xC3\xA9";
   EXPECT_EQ(large.out, "\"" + expected + "\"");
   EXPECT_GE(large->conversionBufferSize, 30001);
+
+  // A buffer left too small by earlier calls is grown and the conversion retried.
+  Printer retried(true, 819);
+  retried->conversionBuffer = safeMalloc(4, "test");
+  retried->conversionBufferSize = 4;
+  jsonAddString(retried, nullptr, "\xE9\xE9\xE9");
+  EXPECT_EQ(retried.out, "\"\xC3\xA9\xC3\xA9\xC3\xA9\"");
+  EXPECT_EQ(retried->conversionBufferSize, 4 + 8192);
 }
 
 TEST(JsonPrinter, ConversionFailureDropsThePieceOnly) {
