@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 
-#include <cctype>
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>

@@ -50,6 +50,8 @@ int readFactors(const Session &session, userMFAData &record) {
 // one of its factors (column 3) and the group's size (column 4).
 int readPolicies(const Session &session, userMFAData &record) {
   int groups = countGroups(session, 4);
+  if (groups == 0)
+    return 0;
   if ((record.policyNames = newArray<char>(groups, "policy name pointers")) == nullptr ||
       (record.policies = newArray<policyData>(groups, "policy data")) == nullptr)
     return MFADATA_OUT_OF_MEMORY;
