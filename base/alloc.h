@@ -26,8 +26,8 @@ typedef struct ListElt {
 } ListElt;
 
 typedef struct ShortLivedHeap {
-  char eyecatcher[8]; // "SLH SLH ", not terminated
-  char *nextFree;     // null before the first block
+  char eyecatcher[8];   // "SLH SLH ", not terminated
+  char *nextFree;       // null before the first block
   ListElt *segmentList; // every block obtained, the current block first
   uint32_t remaining;   // bytes still free in the current block
   uint32_t maxBlocks;   // ordinary and oversize blocks together

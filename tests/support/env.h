@@ -32,11 +32,11 @@ template <typename Fn> std::string captureStderr(Fn &&fn) {
 
 // Skips the current test when the named service variable is unset, or fails
 // it when scripts/test promised the service.
-#define MFA_REQUIRE_SERVICE(var)                                                   \
-  do {                                                                             \
-    if (mfatest::serviceVariable(var).empty()) {                                   \
-      if (mfatest::servicesRequired())                                             \
-        FAIL() << var " is not set although the services were started";           \
-      GTEST_SKIP() << var " is not set; run the suite through scripts/test";       \
-    }                                                                              \
+#define MFA_REQUIRE_SERVICE(var)                                                                   \
+  do {                                                                                             \
+    if (mfatest::serviceVariable(var).empty()) {                                                   \
+      if (mfatest::servicesRequired())                                                             \
+        FAIL() << var " is not set although the services were started";                            \
+      GTEST_SKIP() << var " is not set; run the suite through scripts/test";                       \
+    }                                                                                              \
   } while (0)

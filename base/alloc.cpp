@@ -1,0 +1,446 @@
+#include "base/alloc.h"
+#include "base/alloc_internal.h"
+
+#include <cassert>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+int mallocTraceLevel = 0;
+
+constexpr int kBigAlloc = 10485760;    // 10 MiB
+constexpr int kBigAlloc64 = 536870912; // 512 MiB
+
+// The size diagnostics that every checked allocation prints before it asks
+// the system heap; `gated` variants stay silent at trace level 0.
+void reportSuspiciousSize(int size, const char *label, int threshold, bool gated) {
+  if (gated && mallocTraceLevel <= 0)
+    return;
+  if (size > threshold)
+    printf("MALLOC: big alloc coming %d from %s\n", size, label);
+  else if (size == 0)
+    printf("MALLOC: zero alloc from %s\n", label);
+  else if (size < 0)
+    printf("MALLOC: negative malloc %d from %s\n", size, label);
+}
+
+// The one allocation path. A negative size is passed on as it stands, so the
+// system heap refuses it.
+char *checkedAllocate(int size, const char *label, int threshold, bool gated,
+                      int *progress = nullptr) {
+  reportSuspiciousSize(size, label, threshold, gated);
+  char *piece = static_cast<char *>(malloc(static_cast<size_t>(static_cast<long>(size))));
+  if (piece == nullptr) {
+    printf("MALLOC failed, got NULL for size %d at site %s\n", size, label);
+    if (progress)
+      *progress = 2182;
+    return nullptr;
+  }
+  if (progress)
+    *progress = 2179;
+  if (size > 0)
+    memset(piece, 0, static_cast<size_t>(size));
+  if (progress) {
+    *progress = 2180;
+    *progress = 2182;
+  }
+  return piece;
+}
+
+// Released memory is wiped first so that no secret outlives its owner.
+void wipeAndRelease(void *pointer, int size) {
+  if (pointer == nullptr)
+    return;
+  if (size > 0)
+    explicit_bzero(pointer, static_cast<size_t>(size));
+  free(pointer);
+}
+
+char *copyWithTerminator(char *target, const char *bytes, int length) {
+  if (target == nullptr)
+    return nullptr;
+  if (length > 0)
+    memcpy(target, bytes, static_cast<size_t>(length));
+  target[length] = '\0';
+  return target;
+}
+
+} // namespace
+
+extern "C" {
+
+int mallocSetTraceLevel(int level) {
+  int previous = mallocTraceLevel;
+  mallocTraceLevel = level;
+  return previous;
+}
+
+char *safeMalloc(int size, const char *label) {
+  return checkedAllocate(size, label, kBigAlloc, true);
+}
+
+char *safeMalloc2(int size, const char *label, int *progress) {
+  return checkedAllocate(size, label, kBigAlloc, true, progress);
+}
+
+char *safeMalloc31(int size, const char *label) {
+  return checkedAllocate(size, label, kBigAlloc, true);
+}
+
+char *safeMalloc31Key8(int size, const char *label) {
+  return checkedAllocate(size, label, kBigAlloc, false);
+}
+
+char *safeMalloc64Internal(int size, const char *label, uint64_t) {
+  return checkedAllocate(size, label, kBigAlloc64, false);
+}
+
+char *safeMalloc64(int size, const char *label) {
+  return safeMalloc64Internal(size, label, 0);
+}
+
+char *safeMalloc64ByToken(int size, const char *label, uint64_t token) {
+  return safeMalloc64Internal(size, label, token);
+}
+
+// Storage below the 2 GB line does not exist on this platform; it is plain
+// system heap.
+char *malloc31(int size) {
+  return static_cast<char *>(malloc(static_cast<size_t>(size)));
+}
+
+void free31(void *pointer, int size) {
+  wipeAndRelease(pointer, size);
+}
+
+void safeFree(char *pointer, int size) {
+  wipeAndRelease(pointer, size);
+}
+void safeFree31(char *pointer, int size) {
+  wipeAndRelease(pointer, size);
+}
+void safeFree31Key8(char *pointer, int size) {
+  wipeAndRelease(pointer, size);
+}
+
+// 64-bit storage is deliberately never returned; callers still pair the calls.
+void safeFree64Internal(char *, int, uint64_t) {}
+void safeFree64(char *pointer, int size) {
+  safeFree64Internal(pointer, size, 0);
+}
+void safeFree64ByToken(char *pointer, int size, uint64_t token) {
+  safeFree64Internal(pointer, size, token);
+}
+
+char *safeRealloc(char *old, int newSize, int oldSize, const char *label) {
+  char *piece = safeMalloc(newSize, label);
+  if (piece == nullptr)
+    return nullptr;
+  if (old != nullptr && oldSize != 0) {
+    memcpy(piece, old, static_cast<size_t>(oldSize));
+    safeFree(old, oldSize);
+  }
+  return piece;
+}
+
+char *noisyMalloc(int size) {
+  char *piece = safeMalloc(size, "NoisyMalloc");
+  if (piece == nullptr) {
+    printf("malloc failure for allocation of %d bytes\n", size);
+    fflush(stdout);
+  }
+  return piece;
+}
+
+ListElt *cons(char *data, ListElt *next, uint32_t size) {
+  ListElt *element = reinterpret_cast<ListElt *>(safeMalloc(sizeof(ListElt), "ListElt"));
+  if (element == nullptr)
+    return nullptr;
+  memcpy(element->eyecatcher, "LSTE", 4);
+  element->size = size;
+  element->data = data;
+  element->next = next;
+  return element;
+}
+
+ShortLivedHeap *makeShortLivedHeapInternal(int blockSize, int maxBlocks, int) {
+  ShortLivedHeap *slh =
+      reinterpret_cast<ShortLivedHeap *>(safeMalloc(sizeof(ShortLivedHeap), "ShortLivedHeap"));
+  if (slh == nullptr)
+    return nullptr;
+  memcpy(slh->eyecatcher, "SLH SLH ", 8);
+  slh->maxBlocks = static_cast<uint32_t>(maxBlocks);
+  slh->blockSize = static_cast<uint32_t>(blockSize);
+  return slh;
+}
+
+ShortLivedHeap *makeShortLivedHeap(int blockSize, int maxBlocks) {
+  return makeShortLivedHeapInternal(blockSize, maxBlocks, 0);
+}
+
+ShortLivedHeap *makeShortLivedHeap32(int blockSize, int maxBlocks) {
+  return makeShortLivedHeapInternal(blockSize, maxBlocks, 0);
+}
+
+ShortLivedHeap *makeShortLivedHeap64(int blockSize, int maxBlocks) {
+  return makeShortLivedHeapInternal(blockSize, maxBlocks, 1);
+}
+
+void reportSLHFailure(ShortLivedHeap *slh, int size) {
+  printf("could not get any memory for SLH extension, extension size was 0x%x\n", size);
+  int index = 0;
+  for (ListElt *element = slh ? slh->segmentList : nullptr; element;
+       element = element->next, index++) {
+    printf("  segment %d at 0x%x, size = 0x%x\n", index,
+           static_cast<unsigned>(reinterpret_cast<uintptr_t>(element->data)), element->size);
+  }
+}
+
+char *SLHAlloc(ShortLivedHeap *slh, int size) {
+  if (slh == nullptr)
+    return nullptr;
+  int32_t rounded = static_cast<int32_t>((static_cast<uint32_t>(size) + 7u) & ~7u);
+  int64_t capacity = static_cast<int64_t>(slh->remaining) +
+                     static_cast<int64_t>(slh->blockSize) *
+                         (static_cast<int64_t>(slh->maxBlocks) - slh->blockCount);
+  if (rounded > capacity) {
+    printf("cannot allocate above block size %d > %d mb %d bc %d\n", rounded,
+           static_cast<int>(capacity), slh->maxBlocks, slh->blockCount);
+    return nullptr;
+  }
+  if (rounded < 0)
+    return nullptr;
+  if (rounded == 0)
+    return slh->nextFree;
+
+  if (static_cast<uint32_t>(rounded) > slh->blockSize) {
+    slh->blockCount++;
+    char *block = safeMalloc31(rounded, "SLH Oversize Extend");
+    if (block == nullptr) {
+      reportSLHFailure(slh, rounded);
+      return nullptr;
+    }
+    if (slh->segmentList != nullptr) {
+      // Behind the current block, which keeps serving small pieces.
+      ListElt *element = cons(block, slh->segmentList->next, static_cast<uint32_t>(rounded));
+      if (element == nullptr) {
+        safeFree31(block, rounded);
+        return nullptr;
+      }
+      slh->segmentList->next = element;
+    } else {
+      ListElt *element = cons(block, nullptr, static_cast<uint32_t>(rounded));
+      if (element == nullptr) {
+        safeFree31(block, rounded);
+        return nullptr;
+      }
+      slh->segmentList = element;
+      slh->nextFree = block;
+      slh->remaining = 0;
+    }
+    return block;
+  }
+
+  if (slh->nextFree == nullptr || static_cast<uint32_t>(rounded) > slh->remaining) {
+    slh->blockCount++;
+    int blockSize = static_cast<int>(slh->blockSize);
+    char *block = safeMalloc31(blockSize, "SLH Extend");
+    if (block == nullptr) {
+      reportSLHFailure(slh, rounded);
+      return nullptr;
+    }
+    ListElt *element = cons(block, slh->segmentList, slh->blockSize);
+    if (element == nullptr) {
+      safeFree31(block, blockSize);
+      return nullptr;
+    }
+    slh->segmentList = element;
+    slh->nextFree = block;
+    slh->remaining = slh->blockSize;
+  }
+
+  char *piece = slh->nextFree;
+  slh->nextFree += rounded;
+  slh->remaining -= static_cast<uint32_t>(rounded);
+  return piece;
+}
+
+void SLHFree(ShortLivedHeap *slh) {
+  if (slh == nullptr)
+    return;
+  ListElt *element = slh->segmentList;
+  while (element != nullptr) {
+    ListElt *next = element->next;
+    safeFree31(element->data, static_cast<int>(element->size));
+    safeFree(reinterpret_cast<char *>(element), sizeof(ListElt));
+    element = next;
+  }
+  safeFree(reinterpret_cast<char *>(slh), sizeof(ShortLivedHeap));
+}
+
+char *duplicateString(const char *text) {
+  if (text == nullptr)
+    return nullptr;
+  int length = static_cast<int>(strlen(text));
+  return copyWithTerminator(safeMalloc(length + 1, "duplicateString"), text, length);
+}
+
+char *duplicateStringWithSize(const char *bytes, int length) {
+  if (bytes == nullptr || length < 0)
+    return nullptr;
+  return copyWithTerminator(safeMalloc(length + 1, "duplicateString"), bytes, length);
+}
+
+void freeString(char *text) {
+  if (text != nullptr)
+    safeFree(text, static_cast<int>(strlen(text)) + 1);
+}
+
+char *slhDuplicateString(ShortLivedHeap *slh, const char *text) {
+  // An empty string deliberately yields null here.
+  if (slh == nullptr || text == nullptr || text[0] == '\0')
+    return nullptr;
+  int length = static_cast<int>(strlen(text));
+  return copyWithTerminator(SLHAlloc(slh, length + 1), text, length);
+}
+
+char *slhDuplicateStringWithSize(ShortLivedHeap *slh, const char *bytes, int length) {
+  if (slh == nullptr || bytes == nullptr || length < 0)
+    return nullptr;
+  return copyWithTerminator(SLHAlloc(slh, length + 1), bytes, length);
+}
+
+char *stringConcatenate(ShortLivedHeap *slh, const char *a, const char *b) {
+  return stringConcatenateMultiple(slh, 2, a, b);
+}
+
+char *stringConcatenateMultiple(ShortLivedHeap *slh, int count, const char *first,
+                                const char *second, ...) {
+  if (slh == nullptr || count < 2)
+    return nullptr;
+  va_list rest;
+  va_start(rest, second);
+  auto forEachPart = [&](auto &&visit) {
+    visit(first);
+    visit(second);
+    va_list remaining;
+    va_copy(remaining, rest);
+    for (int i = 2; i < count; i++)
+      visit(va_arg(remaining, const char *));
+    va_end(remaining);
+  };
+  size_t total = 0;
+  forEachPart([&](const char *part) { total += part ? strlen(part) : 0; });
+  char *result = SLHAlloc(slh, static_cast<int>(total + 1));
+  if (result == nullptr) {
+    va_end(rest);
+    return nullptr;
+  }
+  char *cursor = result;
+  forEachPart([&](const char *part) {
+    if (part == nullptr)
+      return;
+    size_t length = strlen(part);
+    memcpy(cursor, part, length);
+    cursor += length;
+  });
+  va_end(rest);
+  *cursor = '\0';
+  return result;
+}
+
+StringList *makeStringList(ShortLivedHeap *slh) {
+  StringList *list = reinterpret_cast<StringList *>(SLHAlloc(slh, sizeof(StringList)));
+  if (list == nullptr)
+    return nullptr;
+  memset(list, 0, sizeof(StringList));
+  list->slh = slh;
+  return list;
+}
+
+void addToStringList(StringList *list, char *text) {
+  if (list == nullptr)
+    return;
+  StringListElt *element =
+      reinterpret_cast<StringListElt *>(SLHAlloc(list->slh, sizeof(StringListElt)));
+  if (element == nullptr)
+    return;
+  element->string = text;
+  element->next = nullptr;
+  if (list->tail)
+    list->tail->next = element;
+  else
+    list->head = element;
+  list->tail = element;
+  list->count++;
+  list->totalLength += text ? static_cast<int>(strlen(text)) : 0;
+}
+
+int stringListContains(StringList *list, const char *text) {
+  if (list == nullptr || text == nullptr)
+    return 0;
+  for (StringListElt *element = list->head; element; element = element->next) {
+    if (element->string && strcmp(element->string, text) == 0)
+      return 1;
+  }
+  return 0;
+}
+
+int addToStringListUnique(StringList *list, char *text) {
+  if (stringListContains(list, text))
+    return 0;
+  addToStringList(list, text);
+  return 1;
+}
+
+int stringListLength(StringList *list) {
+  int length = 0;
+  for (StringListElt *element = list ? list->head : nullptr; element; element = element->next)
+    length++;
+  return length;
+}
+
+StringListElt *firstStringListElt(StringList *list) {
+  return list ? list->head : nullptr;
+}
+
+char *stringListLast(StringList *list) {
+  return list && list->tail ? list->tail->string : nullptr;
+}
+
+char *stringListPrint(StringList *list, int skip, int maximum, const char *separator, char quote) {
+  if (list == nullptr)
+    return nullptr;
+  std::string_view sep = separator ? separator : "";
+  int perElement = static_cast<int>(sep.size()) + (quote ? 2 : 0);
+  char *result = SLHAlloc(list->slh, list->count * perElement + list->totalLength + 1);
+  if (result == nullptr)
+    return nullptr;
+  char *cursor = result;
+  StringListElt *element = list->head;
+  for (int i = 0; i < skip && element; i++)
+    element = element->next;
+  for (int emitted = 0; element && emitted < maximum; element = element->next) {
+    std::string_view text = element->string ? element->string : "";
+    if (quote)
+      *cursor++ = quote;
+    memcpy(cursor, text.data(), text.size());
+    cursor += text.size();
+    if (quote)
+      *cursor++ = quote;
+    emitted++;
+    if (element->next && emitted < maximum) {
+      memcpy(cursor, sep.data(), sep.size());
+      cursor += sep.size();
+    }
+  }
+  assert(cursor < result + list->count * perElement + list->totalLength + 1);
+  *cursor = '\0';
+  return result;
+}
+
+} // extern "C"
