@@ -1,0 +1,42 @@
+// Factor tags as JSON.
+//
+// A factor's tags are stored as one JSON object whose property names are the
+// tag names and whose values are the tag values, all strings. A user
+// interface sends them instead as an array of {"fieldName", "fieldValue"}
+// objects. Tags built here carry nameOffset and valueOffset 0 and are
+// released with factorTagList_destroy.
+#ifndef MFA_MFADATA_FACTORTAGS_H
+#define MFA_MFADATA_FACTORTAGS_H
+
+#include <stdint.h>
+
+#include "base/json.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct factorData;
+struct factorTag;
+
+// Parses the stored shape and hangs the tags, in property order, on
+// data->tags; *count receives their number. A text that does not parse or is
+// not an object gives no tags and a count of 0. A property whose value is not
+// a string gives a tag without a value. The previous list is not released.
+void createFactorTags(const char *json, struct factorData *data, uint32_t *count);
+
+// Builds tags from the interface shape: each element an object with the
+// string "fieldName" and a string or number "fieldValue" (a number becomes its
+// decimal text). *firstTag receives the list, *count the array's count.
+void createFactorTagsUI(JsonArray *fields, struct factorTag **firstTag, uint32_t *count);
+
+// The stored shape of the list starting at firstTag: 0 and a new text in
+// *result (release with freeString), 80106 when the list is empty (null
+// firstTag), or 1200020 when memory is short; *result is untouched on failure.
+int createFactorJson(struct factorTag *firstTag, char **result);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
