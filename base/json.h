@@ -146,12 +146,14 @@ typedef struct JsonParser {
   JsonToken *lookahead; // the looked-ahead token, or null
   ShortLivedHeap *slh;
   CharStream *stream;
-  Json *error;        // the error value of the first failure, or null
-  int numberDialect;  // JSON_DIALECT_*; set before the first jsonParse
-  int depth;          // objects and arrays currently open
-  JsonToken token;    // storage of the current token
-  Json fallbackError; // used when the heap cannot hold the error value
+  Json *error;       // the error value of the first failure, or null
+  int numberDialect; // JSON_DIALECT_*; set before the first jsonParse
+  int depth;         // objects and arrays currently open
+  JsonToken token;   // storage of the current token
+  // The error value lives here when the heap cannot hold it.
+  Json fallbackError;
   JsonError fallbackErrorRecord;
+  char fallbackMessage[128];
 } JsonParser;
 
 // ---- Entry points --------------------------------------------------------
@@ -232,7 +234,7 @@ char *jsonAsString(Json *value);
 int jsonAsBoolean(Json *value);
 // A 32-bit number as is, a 64-bit one cut to 32 bits; 0 for a double.
 int jsonAsNumber(Json *value);
-// A double truncated toward zero (0 when out of range).
+// A double truncated toward zero, saturated at the 64-bit limits.
 int64_t jsonAsInt64(Json *value);
 double jsonAsDouble(Json *value);
 

@@ -125,7 +125,7 @@ void destroyStringWriterContext(StringWriterContext *context);
 jsonPrinter *makeStringWriterCustomJsonPrinter(uint64_t capacity);
 // Destroys the string writer, then the printer. Accepts null.
 void destroyStringWriterCustomJsonPrinter(jsonPrinter *printer);
-// Bytes written so far.
+// Length of the text written so far, without the terminator.
 uint64_t SWCJP_getLength(jsonPrinter *printer);
 // The terminated text, owned by the string writer.
 char *SWCJP_getStringPtr(jsonPrinter *printer);
@@ -154,7 +154,8 @@ void jsonAddUnterminatedString(jsonPrinter *printer, const char *key, const char
 // As jsonAddUnterminatedString after dropping trailing bytes whose value as a
 // signed byte is 31 or less (control characters and every byte from 0x80 up).
 void jsonAddLimitedString(jsonPrinter *printer, const char *key, const char *bytes, int length);
-// A ready-made JSON fragment: converted in UTF-8 mode, never quoted or escaped.
+// A ready-made JSON fragment: converted in UTF-8 mode, never quoted or
+// escaped. Null text prints null.
 void jsonAddJSONString(jsonPrinter *printer, const char *key, const char *text);
 void jsonAddUnterminatedJSONString(jsonPrinter *printer, const char *key, const char *bytes,
                                    int length);

@@ -11,6 +11,7 @@ extern "C" {
 
 struct LoggingContext;
 struct qn_pwhash_ctx;
+struct qn_pkcs11_session;
 
 // Status codes of the database layer and the factor-data service.
 enum {
@@ -38,6 +39,9 @@ enum {
 #define MFADB_COMPONENT_LEVEL 2
 #define MFADB_ERROR_LEVEL 1
 
+// Status for memory that cannot be had, shared with the factor data model.
+#define MFADATA_OUT_OF_MEMORY 1200020
+
 typedef struct dbctx {
   struct LoggingContext *logContext;  // not owned
   struct qn_pwhash_ctx *pwhashContext; // null until qn_db_createPwhashCtx
@@ -61,9 +65,10 @@ int qn_db_createDBCtx(dbctx **context, struct LoggingContext *logContext,
 void qn_db_destroyDbCtx(dbctx *context);
 
 // Attaches a password-hashing context (16-byte salts, 32-byte keys) on the
-// given token session. Returns 0, or 80110 with the attachment cleared; the
+// given open token session, which stays the caller's. Returns 0, or 80110 with the attachment cleared; the
 // context stays usable for operations that do not hash.
-int qn_db_createPwhashCtx(dbctx *context, void *tokenSession, int iterationCount);
+int qn_db_createPwhashCtx(dbctx *context, struct qn_pkcs11_session *tokenSession,
+                          int iterationCount);
 
 #ifdef __cplusplus
 }

@@ -11,29 +11,31 @@
 #include <stdint.h>
 
 #include "base/json.h"
+#include "mfadata/usermfadata.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-struct factorData;
-struct factorTag;
-
 // Parses the stored shape and hangs the tags, in property order, on
 // data->tags; *count receives their number. A text that does not parse or is
 // not an object gives no tags and a count of 0. A property whose value is not
 // a string gives a tag without a value. The previous list is not released.
-void createFactorTags(const char *json, struct factorData *data, uint32_t *count);
+void createFactorTags(const char *json, factorData *data, uint32_t *count);
 
 // Builds tags from the interface shape: each element an object with the
 // string "fieldName" and a string or number "fieldValue" (a number becomes its
 // decimal text). *firstTag receives the list, *count the array's count.
-void createFactorTagsUI(JsonArray *fields, struct factorTag **firstTag, uint32_t *count);
+void createFactorTagsUI(JsonArray *fields, factorTag **firstTag, uint32_t *count);
+
+// createFactorJson on an empty list (the database layer's missing argument).
+#define FACTORTAGS_EMPTY_LIST 80106
 
 // The stored shape of the list starting at firstTag: 0 and a new text in
-// *result (release with freeString), 80106 when the list is empty (null
-// firstTag), or 1200020 when memory is short; *result is untouched on failure.
-int createFactorJson(struct factorTag *firstTag, char **result);
+// *result (release with freeString), FACTORTAGS_EMPTY_LIST for a null
+// firstTag or result, or MFADATA_NO_MEMORY when memory is short; *result is
+// untouched on failure.
+int createFactorJson(factorTag *firstTag, char **result);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,257 @@
+#include "crypto/digest.h"
+
+#include "support/env.h"
+
+#include <openssl/evp.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::string hex(const unsigned char *bytes, uint64_t length) {
+  static const char digits[] = "0123456789abcdef";
+  std::string text;
+  for (uint64_t i = 0; i < length; ++i) {
+    text += digits[bytes[i] >> 4];
+    text += digits[bytes[i] & 15];
+  }
+  return text;
+}
+
+struct DigestVector {
+  uint32_t algorithm;
+  const char *abc; // digest of "abc"
+};
+
+const DigestVector kAbcVectors[] = {
+    {QN_HASH_MD5, "900150983cd24fb0d6963f7d28e17f72"},
+    {QN_HASH_SHA1, "a9993e364706816aba3e25717850c26c9cd0d89d"},
+    {QN_HASH_SHA256, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
+    {QN_HASH_SHA384, "cb00753f45a35e8bb5a03d699ac65007272c32ab0eded1631a8b605a43ff5bed"
+                     "8086072ba1e7cc2358baeca134c825a7"},
+    {QN_HASH_SHA512, "ddaf35a193617abacc417349ae20413112e6fa4e89a97ea20a9eeee64b55d39a"
+                     "2192992a274fc1a836ba3c23a3feebbd454d4423643ce80e2a9ac94fa54ca49f"},
+};
+
+TEST(Digest, OneShotAndStreamedAgreeWithKnownVectors) {
+  for (const auto &vector : kAbcVectors) {
+    SCOPED_TRACE(vector.algorithm);
+    unsigned char buffer[64];
+    unsigned char *out = buffer;
+    uint32_t length = sizeof(buffer);
+    ASSERT_EQ(qn_hash_oneshot(vector.algorithm, "abc", 3, &out, &length), 0);
+    EXPECT_EQ(out, buffer);
+    EXPECT_EQ(hex(buffer, length), vector.abc);
+
+    qn_hash_context *context = nullptr;
+    ASSERT_EQ(qn_hash_start(vector.algorithm, &context), 0);
+    ASSERT_EQ(qn_hash_more(context, "a", 1), 0);
+    ASSERT_EQ(qn_hash_more(context, "", 0), 0);
+    ASSERT_EQ(qn_hash_more(context, "bc", 2), 0);
+    length = sizeof(buffer);
+    ASSERT_EQ(qn_hash_finish(context, buffer, &length), 0);
+    EXPECT_EQ(hex(buffer, length), vector.abc);
+    free_hash_context(&context);
+    EXPECT_EQ(context, nullptr);
+  }
+}
+
+TEST(Digest, CapacityAndArgumentChecks) {
+  unsigned char buffer[64];
+  unsigned char *out = buffer;
+  uint32_t length = 20;
+  EXPECT_EQ(qn_hash_oneshot(QN_HASH_SHA256, "abc", 3, &out, &length), QN_RC_BUFFER_TOO_SMALL);
+  EXPECT_EQ(length, 32u);
+
+  length = sizeof(buffer);
+  EXPECT_EQ(qn_hash_oneshot(QN_HASH_SHA256, "abc", 0, &out, &length), QN_RC_MISSING_ARGUMENT);
+  EXPECT_EQ(qn_hash_oneshot(6, "abc", 3, &out, &length), QN_RC_UNSUPPORTED_DIGEST);
+  EXPECT_EQ(qn_hash_oneshot(12, "abc", 3, &out, &length), QN_RC_UNSUPPORTED_DIGEST);
+  EXPECT_EQ(length, sizeof(buffer));
+
+  qn_hash_context *context = nullptr;
+  EXPECT_EQ(qn_hash_start(12, &context), QN_RC_UNSUPPORTED_DIGEST);
+  EXPECT_EQ(context, nullptr);
+  EXPECT_EQ(qn_hash_start(QN_HASH_SHA1, nullptr), QN_RC_MISSING_ARGUMENT);
+
+  // The streamed form hashes empty input; its finish checks capacity too.
+  ASSERT_EQ(qn_hash_start(QN_HASH_SHA256, &context), 0);
+  EXPECT_EQ(qn_hash_more(context, nullptr, 0), QN_RC_MISSING_ARGUMENT);
+  length = 31;
+  EXPECT_EQ(qn_hash_finish(context, buffer, &length), QN_RC_BUFFER_TOO_SMALL);
+  EXPECT_EQ(length, 32u);
+  length = sizeof(buffer);
+  ASSERT_EQ(qn_hash_finish(context, buffer, &length), 0);
+  EXPECT_EQ(hex(buffer, length),
+            "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+  free_hash_context(&context);
+  free_hash_context(&context);
+  free_hash_context(nullptr);
+}
+
+TEST(Digest, OlderContextMatchesVectorsAcrossUpdates) {
+  const struct {
+    int32_t type;
+    const char *abc;
+  } cases[] = {{QN_DIGEST_MD5, kAbcVectors[0].abc}, {QN_DIGEST_SHA1, kAbcVectors[1].abc}};
+  for (const auto &c : cases) {
+    digestContext context;
+    memset(&context, 0xA5, sizeof(context));
+    ASSERT_EQ(digestContextInit(&context, c.type), 0);
+    ASSERT_EQ(digestContextUpdate(&context, "ab", 2), 0);
+    ASSERT_EQ(digestContextUpdate(&context, "c", 1), 0);
+    unsigned char digest[20];
+    ASSERT_EQ(digestContextFinish(&context, digest), 0);
+    EXPECT_EQ(hex(digest, context.digestLength), c.abc);
+  }
+  digestContext context;
+  EXPECT_EQ(digestContextInit(&context, 3), QN_DIGEST_CONTEXT_FAILED);
+  EXPECT_EQ(digestContextUpdate(&context, "a", 1), QN_DIGEST_CONTEXT_FAILED);
+}
+
+TEST(Base64, LengthFormulas) {
+  EXPECT_EQ(qn_base64_enclen(0), 1u);
+  EXPECT_EQ(qn_base64_enclen(1), 5u);
+  EXPECT_EQ(qn_base64_enclen(3), 5u);
+  EXPECT_EQ(qn_base64_enclen(4), 9u);
+  EXPECT_EQ(qn_base64_declen(3), 0u);
+  EXPECT_EQ(qn_base64_declen(4), 3u);
+  EXPECT_EQ(qn_base64_declen(7), 3u);
+}
+
+// Every length from 1 to 70 against OpenSSL's encoder, then back.
+TEST(Base64, RoundTripMatchesOpenSsl) {
+  std::vector<unsigned char> input(70);
+  for (size_t i = 0; i < input.size(); ++i)
+    input[i] = static_cast<unsigned char>(i * 37 + 11);
+  for (uint64_t n = 1; n <= input.size(); ++n) {
+    SCOPED_TRACE(n);
+    char *text = nullptr;
+    uint64_t textLength = 0;
+    ASSERT_EQ(qn_base64_encode(input.data(), n, &text, &textLength), 0);
+    std::vector<unsigned char> expected(qn_base64_enclen(n));
+    int expectedLength = EVP_EncodeBlock(expected.data(), input.data(), static_cast<int>(n));
+    ASSERT_EQ(textLength, static_cast<uint64_t>(expectedLength));
+    EXPECT_STREQ(text, reinterpret_cast<char *>(expected.data()));
+
+    unsigned char *decoded = nullptr;
+    uint64_t decodedLength = 0;
+    ASSERT_EQ(qn_base64_decode(text, textLength, &decoded, &decodedLength), 0);
+    ASSERT_EQ(decodedLength, n);
+    EXPECT_EQ(memcmp(decoded, input.data(), n), 0);
+    qncFree(decoded, static_cast<int>(qn_base64_declen(textLength)));
+    qncFree(text, static_cast<int>(qn_base64_enclen(n)));
+  }
+}
+
+TEST(Base64, EncodeIntoCallerBuffer) {
+  char buffer[8] = "xxxxxxx";
+  char *out = buffer;
+  uint64_t length = 4; // one short of "YQ==" and its NUL
+  EXPECT_EQ(qn_base64_encode("a", 1, &out, &length), QN_RC_BUFFER_TOO_SMALL);
+  EXPECT_EQ(length, 5u);
+  ASSERT_EQ(qn_base64_encode("a", 1, &out, &length), 0);
+  EXPECT_EQ(out, buffer);
+  EXPECT_EQ(length, 4u);
+  EXPECT_STREQ(buffer, "YQ==");
+
+  strcpy(buffer, "keep");
+  length = sizeof(buffer);
+  EXPECT_EQ(qn_base64_encode("a", 0, &out, &length), 0);
+  EXPECT_EQ(length, 0u);
+  EXPECT_STREQ(buffer, "keep");
+  EXPECT_EQ(qn_base64_encode(nullptr, 1, &out, &length), QN_RC_MISSING_ARGUMENT);
+}
+
+TEST(Base64, DecodeQuirks) {
+  unsigned char buffer[16];
+  unsigned char *out = buffer;
+  uint64_t length = sizeof(buffer);
+
+  // A short text clears even the caller's pointer.
+  EXPECT_EQ(qn_base64_decode("YQ", 2, &out, &length), 0);
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(length, 0u);
+
+  out = buffer;
+  length = sizeof(buffer);
+  memset(buffer, 0xEE, sizeof(buffer));
+  ASSERT_EQ(qn_base64_decode("YQ==", 4, &out, &length), 0);
+  EXPECT_EQ(length, 1u);
+  EXPECT_EQ(buffer[0], 0x61);
+  EXPECT_EQ(buffer[1], 0x00); // the partial bits land past the counted byte
+  EXPECT_EQ(buffer[2], 0xEE);
+
+  length = sizeof(buffer);
+  EXPECT_EQ(qn_base64_decode("Y!==", 4, &out, &length), QN_RC_BAD_BASE64);
+  EXPECT_EQ(length, sizeof(buffer));
+  EXPECT_EQ(qn_base64_decode("QU!D", 4, &out, &length), QN_RC_BAD_BASE64);
+  EXPECT_EQ(qn_base64_decode("", 4, &out, &length), QN_RC_BAD_BASE64);
+
+  // Separators and stray padding between quartets are skipped.
+  ASSERT_EQ(qn_base64_decode("QUJD\nREVG", 9, &out, &length), 0);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(buffer), length), "ABCDEF");
+  length = sizeof(buffer);
+  ASSERT_EQ(qn_base64_decode(" =QUJD\r\n=REVG=", 14, &out, &length), 0);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(buffer), length), "ABCDEF");
+
+  // A fourth character outside the alphabet ends the text quietly.
+  length = sizeof(buffer);
+  ASSERT_EQ(qn_base64_decode("QUJ!REVG", 8, &out, &length), 0);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(buffer), length), "AB");
+
+  // textLength only sizes the output: the text is read to its NUL but the
+  // output stops when full.
+  length = sizeof(buffer);
+  ASSERT_EQ(qn_base64_decode("QUJDREVG", 4, &out, &length), 0);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(buffer), length), "ABC");
+
+  length = 5;
+  EXPECT_EQ(qn_base64_decode("QUJDREVG", 8, &out, &length), QN_RC_BUFFER_TOO_SMALL);
+  EXPECT_EQ(length, 6u);
+
+  // Bytes with the high bit set are outside the alphabet.
+  length = sizeof(buffer);
+  ASSERT_EQ(qn_base64_decode("\xc3QUJD", 5, &out, &length), 0);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(buffer), length), "ABC");
+}
+
+TEST(Base64, PemBody) {
+  const char *pem = "-----BEGIN CERTIFICATE-----\r\n"
+                    "QUJD\tREVG\n"
+                    " R0hJ\n"
+                    "-----END CERTIFICATE-----\n";
+  unsigned char *out = nullptr;
+  uint64_t length = 0;
+  ASSERT_EQ(qn_base64_pemdecode(pem, 1, &out, &length), 0);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(out), length), "ABCDEFGHI");
+  qncFree(out, static_cast<int>(qn_base64_declen(12)));
+
+  out = nullptr;
+  EXPECT_EQ(qn_base64_pemdecode("-----BEGIN X-----\nQUJD\n", 1, &out, &length), QN_RC_PEM_MARKERS);
+  EXPECT_EQ(qn_base64_pemdecode("QUJD", 1, &out, &length), QN_RC_PEM_MARKERS);
+  EXPECT_EQ(qn_base64_pemdecode("QUJD", 0, &out, &length), 0);
+  EXPECT_EQ(out, nullptr);
+}
+
+TEST(QncLibc, DuplicateAndClock) {
+  char *copy = qncDuplicateString("token");
+  ASSERT_NE(copy, nullptr);
+  EXPECT_STREQ(copy, "token");
+  qncFree(copy, 6);
+  EXPECT_EQ(qncDuplicateString(nullptr), nullptr);
+  qncFree(nullptr, 10);
+
+  uint32_t seconds = 0;
+  uint32_t micros = 0;
+  uint64_t before = qnclibc_currentSecondsSinceJan1970();
+  EXPECT_EQ(qnclibc_currentSecondsAndMicrosSince1970(&seconds, &micros), 0);
+  EXPECT_GE(seconds, static_cast<uint32_t>(before));
+  EXPECT_LE(seconds, qnclibc_currentSecondsSinceJan1970());
+  EXPECT_LT(micros, 1000000u);
+  EXPECT_GT(before, 1600000000u);
+}
+
+} // namespace
