@@ -107,7 +107,7 @@ Run runTool(const std::vector<std::string> &args, const Environment &overrides) 
   if (child == 0) {
     dup2(out, STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
-    execve(argvPointers[0], argvPointers.data(), envPointers.data());
+    execvpe(argvPointers[0], argvPointers.data(), envPointers.data());
     _exit(127);
   }
   int wstatus = 0;
