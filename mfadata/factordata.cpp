@@ -37,10 +37,7 @@ factorData *readFactor(const Session &session, int row, const char *name, int ta
 
 int readFactors(const Session &session, userMFAData &record) {
   int rows = session.rows();
-  // Room for at least the slots a buffer-built record has, so that the
-  // record's destructor may treat both kinds alike.
-  int slots = std::max(rows, MFADATA_FACTOR_SLOTS);
-  if ((record.factors = newArray<factorData>(slots, "factordata array")) == nullptr)
+  if ((record.factors = newArray<factorData>(rows, "factordata array")) == nullptr)
     return MFADATA_OUT_OF_MEMORY;
   record.numFactors = static_cast<uint32_t>(rows);
   for (int row = 0; row < rows; row++)
