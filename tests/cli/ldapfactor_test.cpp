@@ -15,7 +15,6 @@
 #include <vector>
 
 using clitest::runTool;
-using clitest::sql;
 
 namespace {
 
@@ -91,14 +90,15 @@ TEST(LdapFactorGrammar, UsageWithoutArgumentsOrOnGrammarErrors) {
   }
 }
 
-class LdapFactorTool : public testing::Test {
+class LdapFactorTool : public clitest::LdapFactorDb {
 protected:
   void SetUp() override {
-    MFA_REQUIRE_SERVICE("PGHOST");
-    clitest::resetDatabase();
-    clitest::addUser("alice");
-    clitest::addLdapFactor("alice", kAliceTags);
-    clitest::addUser("bob");
+    LdapFactorDb::SetUp();
+    if (IsSkipped() || HasFatalFailure())
+      return;
+    addUser("alice");
+    addLdapFactor("alice", kAliceTags);
+    addUser("bob");
   }
 
   static constexpr const char *kAliceTags =
@@ -109,16 +109,14 @@ protected:
 TEST_F(LdapFactorTool, ShowsStoredDataWithoutWriting) {
   expectRun({"alice"}, existing("alice", kAlice) + pending("alice", kAlice) + notCommitted("alice"),
             "", 0);
-  EXPECT_EQ(clitest::storedTags("alice"), kAliceTags);
+  EXPECT_EQ(storedTags("alice"), kAliceTags);
 }
 
 TEST_F(LdapFactorTool, CommitAtEachPositionReplacesTheValuesBeforeIt) {
   const Values given = {"cn=new", "s1", "s2", "s3"};
   for (size_t count = 0; count <= given.size(); count++) {
     SCOPED_TRACE(count);
-    clitest::resetDatabase();
-    clitest::addUser("alice");
-    clitest::addLdapFactor("alice", kAliceTags);
+    sql(std::string("update qmx_userfactor set factortags = '") + kAliceTags + "', isactive = 0");
     std::vector<std::string> args = {"alice"};
     Values expected = kAlice;
     for (size_t i = 0; i < count; i++) {
@@ -134,8 +132,8 @@ TEST_F(LdapFactorTool, CommitAtEachPositionReplacesTheValuesBeforeIt) {
     for (size_t i = 0; i < expected.size(); i++)
       if (expected[i] != kNotSet)
         tags += std::string("\"") + names[i] + "\":\"" + expected[i] + "\",";
-    EXPECT_EQ(clitest::storedTags("alice"), tags + "\"LASTSEARCH\":\"0\"}");
-    EXPECT_EQ(sql("select isactive from qmx_userfactor"), "1");
+    EXPECT_EQ(storedTags("alice"), tags + "\"LASTSEARCH\":\"0\"}");
+    EXPECT_EQ(value("select isactive from qmx_userfactor"), "1");
   }
 }
 
@@ -144,7 +142,7 @@ TEST_F(LdapFactorTool, LowerCaseCommitIsAValue) {
   expected[0] = "commit";
   expectRun({"alice", "commit"},
             existing("alice", kAlice) + pending("alice", expected) + notCommitted("alice"), "", 0);
-  EXPECT_EQ(clitest::storedTags("alice"), kAliceTags);
+  EXPECT_EQ(storedTags("alice"), kAliceTags);
 }
 
 TEST_F(LdapFactorTool, EmptyDnIsStoredAsAnEmptyValue) {
@@ -152,8 +150,7 @@ TEST_F(LdapFactorTool, EmptyDnIsStoredAsAnEmptyValue) {
   expected[0] = "";
   expectRun({"alice", "", "COMMIT"},
             existing("alice", kAlice) + pending("alice", expected) + committed("alice"), "", 0);
-  EXPECT_EQ(clitest::storedTags("alice"),
-            R"({"DN":"","SEARCHVAL":"alice@example.com","LASTSEARCH":"0"})");
+  EXPECT_EQ(storedTags("alice"), R"({"DN":"","SEARCHVAL":"alice@example.com","LASTSEARCH":"0"})");
   expectRun({"alice"},
             existing("alice", expected) + pending("alice", expected) + notCommitted("alice"), "",
             0);
@@ -177,7 +174,7 @@ TEST_F(LdapFactorTool, UserWithoutStoredData) {
   expectRun({"bob", "cn=bob", "bob", "COMMIT"},
             noFactors("bob") + unable("bob", 69802) + pending("bob", given) + committed("bob"), "",
             0);
-  EXPECT_EQ(clitest::storedTags("bob"), R"({"DN":"cn=bob","SEARCHVAL":"bob","LASTSEARCH":"0"})");
+  EXPECT_EQ(storedTags("bob"), R"({"DN":"cn=bob","SEARCHVAL":"bob","LASTSEARCH":"0"})");
   expectRun({"bob"}, existing("bob", given) + pending("bob", given) + notCommitted("bob"), "", 0);
 }
 

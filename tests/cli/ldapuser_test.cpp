@@ -285,34 +285,24 @@ TEST_F(LdapUserValidate, RejectsUnknownFieldsAndLongValues) {
             LDAPUSER_CONVERSION_ARGUMENT);
 }
 
-class LdapUserStored : public testing::Test {
+class LdapUserStored : public clitest::LdapFactorDb {
 protected:
-  void SetUp() override {
-    MFA_REQUIRE_SERVICE("PGHOST");
-    clitest::resetDatabase();
-    ASSERT_EQ(qn_db_createDBCtx(&context_, nullptr, nullptr), 0);
-  }
-  void TearDown() override { qn_db_destroyDbCtx(context_); }
-
   std::string fields(const char *userid) {
     char *json = nullptr;
     int length = 0;
     int status = 0;
-    mfatest::captureStdout([&] {
-      status = ldapuser_createTagsFieldsJson(context_, "QMXLDAP1", userid, &json, &length);
-    });
+    mfatest::captureStdout(
+        [&] { status = ldapuser_createTagsFieldsJson(ctx, "QMXLDAP1", userid, &json, &length); });
     EXPECT_EQ(status, 0);
     std::string result(json != nullptr ? json : "", static_cast<size_t>(length));
     freeString(json);
     return result;
   }
-
-  dbctx *context_ = nullptr;
 };
 
 TEST_F(LdapUserStored, FieldDescriptionCarriesTheStoredValues) {
-  clitest::addUser("carol");
-  clitest::addLdapFactor("carol", R"({"DN":"cn=\"c\"","SEARCHVAL3":"s3","LASTSEARCH":"9"})");
+  addUser("carol");
+  addLdapFactor("carol", R"({"DN":"cn=\"c\"","SEARCHVAL3":"s3","LASTSEARCH":"9"})");
   const std::string attr = R"("fieldAttr":{"isOptional":1,"maxLength":255})";
   auto field = [&](const char *label, const char *name, const std::string &value) {
     return std::string(R"({"fieldLabel":")") + label +
@@ -338,23 +328,23 @@ TEST_F(LdapUserStored, FieldDescriptionCarriesTheStoredValues) {
 }
 
 TEST_F(LdapUserStored, RetrieveAndCommitRoundTrip) {
-  clitest::addUser("dave");
+  addUser("dave");
   ldapuser *user = nullptr;
   std::string out = mfatest::captureStdout([&] {
-    EXPECT_EQ(ldapuser_retrieveFromKORS(context_, "QMXLDAP1", "dave", &user), LDAPUSER_NO_FACTOR);
+    EXPECT_EQ(ldapuser_retrieveFromKORS(ctx, "QMXLDAP1", "dave", &user), LDAPUSER_NO_FACTOR);
   });
   EXPECT_EQ(out, "No factors returned for user dave\n");
   EXPECT_EQ(user, nullptr);
 
   Record record = makeRecord("cn=dave", nullptr, nullptr, "s3", 5);
   int gavrc = 7, korsrc = 7, korsrsn = 7;
-  EXPECT_EQ(ldapuser_commitToKORS(context_, "QMXLDAP1", "dave", record.get(), 1, &gavrc, &korsrc,
-                                  &korsrsn),
-            0);
+  EXPECT_EQ(
+      ldapuser_commitToKORS(ctx, "QMXLDAP1", "dave", record.get(), 1, &gavrc, &korsrc, &korsrsn),
+      0);
   EXPECT_EQ(gavrc + korsrc + korsrsn, 21) << "the codes are not written";
-  EXPECT_EQ(clitest::storedTags("dave"), R"({"DN":"cn=dave","SEARCHVAL3":"s3","LASTSEARCH":"5"})");
+  EXPECT_EQ(storedTags("dave"), R"({"DN":"cn=dave","SEARCHVAL3":"s3","LASTSEARCH":"5"})");
 
-  ASSERT_EQ(ldapuser_retrieveFromKORS(context_, "QMXLDAP1", "dave", &user), 0);
+  ASSERT_EQ(ldapuser_retrieveFromKORS(ctx, "QMXLDAP1", "dave", &user), 0);
   Record back(user);
   EXPECT_EQ(text(user->userid), "dave");
   EXPECT_EQ(text(user->DN), "cn=dave");
@@ -363,9 +353,9 @@ TEST_F(LdapUserStored, RetrieveAndCommitRoundTrip) {
   EXPECT_EQ(user->lastSearch, 5u);
 
   SCOPED_TRACE("another factor name is refused before anything is written");
-  EXPECT_EQ(ldapuser_commitToKORS(context_, "QMXTOTP1", "dave", record.get(), 1, &gavrc, &korsrc,
-                                  &korsrsn),
-            LDAPUSER_WRONG_FACTOR);
+  EXPECT_EQ(
+      ldapuser_commitToKORS(ctx, "QMXTOTP1", "dave", record.get(), 1, &gavrc, &korsrc, &korsrsn),
+      LDAPUSER_WRONG_FACTOR);
 }
 
 } // namespace

@@ -129,55 +129,17 @@ std::string connectionError(const Environment &overrides) {
   return message;
 }
 
-std::string sql(const std::string &statement) {
-  PGconn *connection = PQconnectdb("dbname=mfadb");
-  std::string value;
-  if (PQstatus(connection) != CONNECTION_OK) {
-    ADD_FAILURE() << PQerrorMessage(connection);
-  } else {
-    PGresult *result = PQexec(connection, statement.c_str());
-    ExecStatusType status = PQresultStatus(result);
-    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK)
-      ADD_FAILURE() << statement << ": " << PQresultErrorMessage(result);
-    else if (status == PGRES_TUPLES_OK && PQntuples(result) > 0)
-      value = PQgetvalue(result, 0, 0);
-    PQclear(result);
-  }
-  PQfinish(connection);
-  return value;
-}
-
-namespace {
-std::string quoted(const std::string &text) {
-  std::string result = "'";
-  for (char c : text)
-    result += c == '\'' ? std::string("''") : std::string(1, c);
-  return result + "'";
-}
-} // namespace
-
-void resetDatabase() {
-  sql("truncate qmx_userfactor, qmx_userpolicy, qmx_usermfapassword, qmx_user restart identity "
-      "cascade");
-}
-
-void addUser(const std::string &userid) {
-  sql("insert into qmx_user (unixuid) values (" + quoted(userid) + ")");
-}
-
-void addLdapFactor(const std::string &userid, const std::string &tags) {
+void LdapFactorDb::addLdapFactor(const std::string &userid, const std::string &tags) {
   sql("insert into qmx_userfactor (userid, factorid, factortags, isactive) "
       "select u.userid, f.factorid, " +
-      quoted(tags) +
-      ", 1 from qmx_user u, qmx_factor f "
-      "where u.unixuid = " +
-      quoted(userid) + " and f.factorname = 'QMXLDAP1'");
+      mfatest::quoted(tags) + ", 1 from qmx_user u, qmx_factor f where u.unixuid = " +
+      mfatest::quoted(userid) + " and f.factorname = 'QMXLDAP1'");
 }
 
-std::string storedTags(const std::string &userid) {
-  return sql("select uf.factortags from qmx_userfactor uf, qmx_user u, qmx_factor f "
-             "where uf.userid = u.userid and uf.factorid = f.factorid and u.unixuid = " +
-             quoted(userid) + " and f.factorname = 'QMXLDAP1'");
+std::string LdapFactorDb::storedTags(const std::string &userid) {
+  return value("select uf.factortags from qmx_userfactor uf, qmx_user u, qmx_factor f "
+               "where uf.userid = u.userid and uf.factorid = f.factorid and u.unixuid = " +
+               mfatest::quoted(userid) + " and f.factorname = 'QMXLDAP1'");
 }
 
 } // namespace clitest

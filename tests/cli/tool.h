@@ -1,5 +1,8 @@
-// Running the built ldapfactor as a user would, and seeding its database.
+// Running the built ldapfactor as a user would, and the database fixture of
+// the command-line tests.
 #pragma once
+
+#include "support/pgtest.h"
 
 #include <string>
 #include <utility>
@@ -27,19 +30,12 @@ Run runTool(const std::vector<std::string> &args, const Environment &overrides =
 // The text libpq reports when "dbname=mfadb " is tried with overrides applied.
 std::string connectionError(const Environment &overrides);
 
-// Runs SQL on the mfadb database; fails the test on error. Returns the first
-// column of the first row, or "" when there is none.
-std::string sql(const std::string &statement);
-
-// Empties the tables the tool reads and writes.
-void resetDatabase();
-
-// Stores an MFA user, and a QMXLDAP1 factor with the given tag text for an
-// existing one.
-void addUser(const std::string &userid);
-void addLdapFactor(const std::string &userid, const std::string &tags);
-
-// The QMXLDAP1 tag text stored for the user.
-std::string storedTags(const std::string &userid);
+class LdapFactorDb : public mfatest::PgTest {
+protected:
+  // Stores a QMXLDAP1 factor with this tag text for an existing user.
+  void addLdapFactor(const std::string &userid, const std::string &tags);
+  // The user's stored QMXLDAP1 tag text.
+  std::string storedTags(const std::string &userid);
+};
 
 } // namespace clitest
