@@ -11,24 +11,19 @@
 namespace clitest {
 
 struct Run {
-  std::string out;
+  std::string out; // time stamps replaced by "<stamp>"
   std::string err;
   int status = -1; // exit status, or 128 + signal
 };
 
 using Environment = std::vector<std::pair<std::string, std::string>>;
 
-// Path of the executable under test.
 std::string toolPath();
 
-// Runs the tool with args (after the invocation name) and the environment of
-// the test process with overrides applied. Every time stamp in the output is
-// replaced by "<stamp>". MFA_LDAPFACTOR_WRAPPER, a blank-separated command,
-// is put in front of the tool when set (used for the valgrind runs).
+// Runs the tool with args (after the invocation name) and the test's
+// environment with overrides set. MFA_LDAPFACTOR_WRAPPER, a blank-separated
+// command, is put in front of the tool when set (the valgrind runs use it).
 Run runTool(const std::vector<std::string> &args, const Environment &overrides = {});
-
-// The text libpq reports when "dbname=mfadb " is tried with overrides applied.
-std::string connectionError(const Environment &overrides);
 
 class LdapFactorDb : public mfatest::PgTest {
 protected:
