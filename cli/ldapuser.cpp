@@ -82,6 +82,8 @@ extern "C" {
 
 int ldapuser_retrieveFromKORS(dbctx *context, const char *factorName, const char *userid,
                               ldapuser **result) {
+  if (result == nullptr)
+    return LDAPUSER_MISSING_ARGUMENT;
   userMFAData *data = nullptr;
   int status = pq_userMFAData_create(context, userid, &data);
   if (status != 0) {

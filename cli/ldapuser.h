@@ -48,7 +48,8 @@ typedef struct ldapuser {
 // record. Returns 0 and stores a record that the caller releases with
 // ldapuser_destroy (a factor without tags gives a record holding only the user
 // ID); 1200052 when the data cannot be read, 69802 when the user has no such
-// factor, 69803 when its tags do not make a record. Prints one time-stamped
+// factor, 69803 when its tags do not make a record, 67007 for a null result
+// address. Prints one time-stamped
 // line when reading fails.
 int ldapuser_retrieveFromKORS(dbctx *context, const char *factorName, const char *userid,
                               ldapuser **result);
