@@ -86,9 +86,9 @@ constexpr Table kLatin1To1047 = inverse(k1047ToLatin1);
 constexpr Table k037ToLatin1 = withHostLineEnds(kCp037ToLatin1);
 constexpr Table kLatin1To037 = inverse(k037ToLatin1);
 
-// The plain ASCII tables read EBCDIC 0xFA as the acute accent, like 0xBE, to
-// stay compatible with text translated by earlier releases; so this pair is
-// not one-to-one, and 0xB3 no longer survives a round trip.
+// Deliberately not one-to-one: the plain EBCDIC-to-ASCII table reads 0xFA as
+// the acute accent, like 0xBE, so ASCII 0xB3 does not survive a round trip
+// through the pair.
 constexpr Table kE2a = [] {
   Table table = kCp1047ToLatin1;
   table[0xFA] = 0xB4;

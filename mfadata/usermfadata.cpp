@@ -422,7 +422,9 @@ void kfactor_userMFAData_destroy(userMFAData *data) {
 }
 
 int factorTagList_copy(const factorTag *first, uint32_t count, factorData *factorCopy) {
-  if (!factorCopy || factorCopy->tags)
+  // Copies are checked allocations, which a factor inside a heap would never
+  // release.
+  if (!factorCopy || factorCopy->tags || factorCopy->heap)
     return MFADATA_BAD_ARGUMENT;
   Pieces pieces(nullptr);
   TagListPtr copies;

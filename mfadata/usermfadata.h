@@ -118,10 +118,11 @@ void factorTagList_destroy(factorTag *first);
 int kfactor_factorData_copy(const factorData *factor, factorData **copy);
 
 // Copies at most count tags from first on, in order, with names, values and
-// offsets, and hangs the copies on factorCopy, which must not hold tags yet.
-// numTags of factorCopy is left to the caller. Returns 0, 1200007 for a null
-// factorCopy or one that holds tags, 1200020 when out of memory (factorCopy is
-// then unchanged).
+// offsets, in checked allocations, and hangs the copies on factorCopy, which
+// must hold no tags yet and must not live in a heap. numTags of factorCopy is
+// left to the caller. Returns 0, 1200007 for a factorCopy that is null, holds
+// tags or lives in a heap, 1200020 when out of memory (factorCopy is then
+// unchanged).
 int factorTagList_copy(const factorTag *first, uint32_t count, factorData *factorCopy);
 
 // Checks the first numTags tag names of factor for duplicates. On the first
