@@ -1,0 +1,107 @@
+# Software PKCS#11 tokens for the tests. Sourced by scripts/test, not run.
+#
+# tokens_start DIR: a throwaway SoftHSM2 token store in DIR with two tokens
+# (one whose label fills all 32 characters), and the openCryptoki software
+# token behind its slot daemon. Exports what the tests read:
+#   MFA_SOFTHSM_MODULE, SOFTHSM2_CONF, MFA_TEST_TOKEN_LABEL,
+#   MFA_TEST_LONG_TOKEN_LABEL, MFA_OPENCRYPTOKI_MODULE,
+#   MFA_OPENCRYPTOKI_TOKEN_LABEL.
+# tokens_stop: stops the slot daemon if tokens_start started it.
+
+tokens_softhsm_module=/usr/lib/softhsm/libsofthsm2.so
+tokens_softhsm_label=MFA-SOFTHSM-TEST
+tokens_softhsm_long_label=MFA-SOFTHSM-LABEL-FILLS-32-CHARS
+tokens_ock_modules=(/usr/lib/x86_64-linux-gnu/opencryptoki/libopencryptoki.so
+  /usr/lib/x86_64-linux-gnu/pkcs11/libopencryptoki.so)
+tokens_ock_label=MFA-OCK-TEST
+tokens_ock_slot=3 # the software token in the default slot configuration
+tokens_ock_so_pin=87654321 # the SO PIN of a token that was never initialised
+tokens_ock_pidfile=/var/run/pkcsslotd.pid
+tokens_ock_started_pid=
+
+tokens_start() {
+  local dir=$1
+  tokens_start_softhsm "$dir" || return 1
+  tokens_start_opencryptoki || return 1
+}
+
+tokens_start_softhsm() {
+  local dir=$1/softhsm label
+  mkdir -p "$dir/tokens"
+  printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' \
+    "$dir/tokens" >"$dir/softhsm2.conf"
+  export SOFTHSM2_CONF=$dir/softhsm2.conf
+  for label in "$tokens_softhsm_label" "$tokens_softhsm_long_label"; do
+    softhsm2-util --init-token --free --label "$label" --so-pin 12345678 --pin 1234 >/dev/null ||
+      { echo "tokens: cannot initialise the SoftHSM2 token $label" >&2; return 1; }
+  done
+  export MFA_SOFTHSM_MODULE=$tokens_softhsm_module
+  export MFA_TEST_TOKEN_LABEL=$tokens_softhsm_label
+  export MFA_TEST_LONG_TOKEN_LABEL=$tokens_softhsm_long_label
+}
+
+# The pid of the running slot daemon, or nothing.
+tokens_ock_daemon_pid() {
+  local pid
+  [ -r "$tokens_ock_pidfile" ] || return 0
+  pid=$(cat "$tokens_ock_pidfile")
+  [ -n "$pid" ] && [ "$(cat "/proc/$pid/comm" 2>/dev/null)" = pkcsslotd ] && echo "$pid"
+  return 0
+}
+
+# Prints the label and flags lines of the software token.
+tokens_ock_token_info() {
+  pkcsconf -t -c "$tokens_ock_slot" 2>/dev/null | grep -E '^[[:space:]]*(Label|Flags):'
+}
+
+tokens_start_opencryptoki() {
+  local module="" candidate pid info i
+  for candidate in "${tokens_ock_modules[@]}"; do
+    [ -e "$candidate" ] && { module=$candidate; break; }
+  done
+  [ -n "$module" ] || { echo "tokens: the openCryptoki library is not installed" >&2; return 1; }
+
+  # A second daemon would take over the first one's shared memory, so an
+  # already running daemon is reused and left running.
+  pid=$(tokens_ock_daemon_pid)
+  if [ -z "$pid" ]; then
+    as_root mkdir -p /var/log/opencryptoki
+    as_root /usr/sbin/pkcsslotd ||
+      { echo "tokens: pkcsslotd did not start" >&2; return 1; }
+    for ((i = 0; i < 100; i++)); do
+      pid=$(tokens_ock_daemon_pid)
+      [ -n "$pid" ] && break
+      sleep 0.1
+    done
+    [ -n "$pid" ] || { echo "tokens: pkcsslotd wrote no pid file" >&2; return 1; }
+    tokens_ock_started_pid=$pid
+  fi
+
+  # pkcsconf exits 0 even when it fails, so the token flags are the judge.
+  info=$(tokens_ock_token_info)
+  if ! grep -q "Label: $tokens_ock_label *\$" <<<"$info" ||
+    ! grep -q TOKEN_INITIALIZED <<<"$info"; then
+    printf '%s\n' "$tokens_ock_label" |
+      as_root pkcsconf -I -c "$tokens_ock_slot" -S "$tokens_ock_so_pin" >/dev/null 2>&1
+    info=$(tokens_ock_token_info)
+    if ! grep -q "Label: $tokens_ock_label *\$" <<<"$info" ||
+      ! grep -q TOKEN_INITIALIZED <<<"$info"; then
+      echo "tokens: cannot initialise the openCryptoki software token:" >&2
+      echo "$info" >&2
+      return 1
+    fi
+  fi
+  export MFA_OPENCRYPTOKI_MODULE=$module
+  export MFA_OPENCRYPTOKI_TOKEN_LABEL=$tokens_ock_label
+}
+
+tokens_stop() {
+  local i
+  [ -n "$tokens_ock_started_pid" ] || return 0
+  as_root kill "$tokens_ock_started_pid" 2>/dev/null || true
+  for ((i = 0; i < 50; i++)); do
+    [ -d "/proc/$tokens_ock_started_pid" ] || break
+    sleep 0.1
+  done
+  tokens_ock_started_pid=
+}

@@ -1,0 +1,91 @@
+#include "support/token.h"
+
+#include <unistd.h>
+
+#include <atomic>
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#define MFA_LSAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#include <sanitizer/lsan_interface.h>
+#define MFA_LSAN 1
+#endif
+#endif
+
+namespace mfatest {
+
+const TokenService &tokenService(TokenKind kind) {
+  static const TokenService softHsm = {"SoftHSM", "MFA_SOFTHSM_MODULE", "MFA_TEST_TOKEN_LABEL"};
+  static const TokenService openCryptoki = {"openCryptoki", "MFA_OPENCRYPTOKI_MODULE",
+                                            "MFA_OPENCRYPTOKI_TOKEN_LABEL"};
+  return kind == TokenKind::SoftHsm ? softHsm : openCryptoki;
+}
+
+std::string TokenSession::open(const std::string &module, const std::string &label) {
+  close();
+  int32_t rc = qn_pkcs11_env_initModule(module.c_str(), &env_);
+  if (rc != 0)
+    return "qn_pkcs11_env_initModule(" + module + ") returned " + std::to_string(rc);
+  rc = qn_pkcs11_findToken(env_, label.c_str(), &token_);
+  if (rc != 0)
+    return "qn_pkcs11_findToken(" + label + ") returned " + std::to_string(rc);
+  rc = qn_pkcs11_session_openReadWrite(token_, &session_);
+  if (rc != 0)
+    return "qn_pkcs11_session_openReadWrite returned " + std::to_string(rc);
+  return "";
+}
+
+void TokenSession::close() {
+  if (session_.flags & QN_PKCS11_SESSION_OPEN) {
+    for (const qn_pkcs11_key &key : created_)
+      qn_pkcs11_destroyObject(&session_, &key);
+    qn_pkcs11_session_close(&session_);
+  }
+  created_.clear();
+  session_ = {};
+  qn_pkcs11_token_free(token_);
+  token_ = nullptr;
+  qn_pkcs11_env_destroy(env_);
+  env_ = nullptr;
+}
+
+ProviderLeakScope::ProviderLeakScope() {
+#ifdef MFA_LSAN
+  __lsan_disable();
+#endif
+}
+
+ProviderLeakScope::~ProviderLeakScope() {
+#ifdef MFA_LSAN
+  __lsan_enable();
+#endif
+}
+
+void TokenFixture::openToken(TokenKind kind) {
+  const TokenService &service = tokenService(kind);
+  std::string module = serviceVariable(service.moduleVariable);
+  std::string label = serviceVariable(service.labelVariable);
+  if (module.empty() || label.empty()) {
+    if (servicesRequired())
+      FAIL() << service.moduleVariable << " or " << service.labelVariable
+             << " is not set although the services were started";
+    GTEST_SKIP() << service.name << " token not configured; run the suite through scripts/test";
+  }
+  if (kind == TokenKind::OpenCryptoki)
+    leakScope_.emplace();
+  std::string failure = token_.open(module, label);
+  ASSERT_EQ(failure, "") << "on the " << service.name << " token";
+}
+
+std::string TokenFixture::uniqueLabel(std::string_view stem) {
+  static std::atomic<unsigned> counter{0};
+  return std::string(stem) + "-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
+}
+
+std::string tokenTestName(const testing::TestParamInfo<TokenKind> &info) {
+  return tokenService(info.param).name;
+}
+
+} // namespace mfatest
