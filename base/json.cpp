@@ -1107,6 +1107,7 @@ int jsonIntProperty(JsonObject *object, const char *key, int *status, int defaul
 void reportJSONDataProblem(JsonObject *object, int status, const char *key) {
   // The address is shown cut to 32 bits, as in the rest of the diagnostics.
   auto address = static_cast<unsigned>(reinterpret_cast<uintptr_t>(object));
+  key = key != nullptr ? key : "";
   if (status == JSON_PROPERTY_MISSING)
     printf("JSON property '%s' not found in object at 0x%x\n", key, address);
   else if (status == JSON_PROPERTY_WRONG_TYPE)

@@ -42,7 +42,9 @@ Escaped::Escaped(PGconn *connection, const char *source) {
   quotedDuplicateString(connection, source, &text_, &size_);
 }
 
-Escaped::~Escaped() { safeFree(text_, size_); }
+Escaped::~Escaped() {
+  safeFree(text_, size_);
+}
 
 int Session::connect() {
   if (context_ == nullptr || context_->connectionString == nullptr)
@@ -95,9 +97,13 @@ int Session::execParams(const char *sql, Expect expect, const Failure &failure,
   return check(expect, failure);
 }
 
-void Session::control(const char *sql) { result_.reset(PQexec(connection(), sql)); }
+void Session::control(const char *sql) {
+  result_.reset(PQexec(connection(), sql));
+}
 
-int Session::integer(int row, int column) const { return atoi(text(row, column)); }
+int Session::integer(int row, int column) const {
+  return atoi(text(row, column));
+}
 
 bool Session::copyTo(char **field, int row, int column) const {
   *field = isNull(row, column) ? nullptr : duplicateString(text(row, column));
@@ -153,7 +159,9 @@ void destroyMFAAdminFactorData(MFAAdminFactorData *factor) {
   safeFree(reinterpret_cast<char *>(factor), sizeof *factor);
 }
 
-void qn_db_destroyAdminFactorDef(MFAAdminFactorData *factor) { destroyMFAAdminFactorData(factor); }
+void qn_db_destroyAdminFactorDef(MFAAdminFactorData *factor) {
+  destroyMFAAdminFactorData(factor);
+}
 
 void destroyFactorData(MFAAdminFactorData *factor) {
   if (factor == nullptr)

@@ -37,7 +37,8 @@ struct Failure {
   Reason reason;
 };
 
-inline constexpr Failure kSelectFailed{QN_DB_SELECT_FAILED, "SELECT failed: %s\n", Reason::Connection};
+inline constexpr Failure kSelectFailed{QN_DB_SELECT_FAILED, "SELECT failed: %s\n",
+                                       Reason::Connection};
 inline constexpr Failure kInsertFailed{QN_DB_INSERT_FAILED, "insert failed: %s\n", Reason::Result};
 inline constexpr Failure kDeleteFailed{QN_DB_DELETE_FAILED, "delete failed: %s\n", Reason::Result};
 
@@ -157,8 +158,8 @@ int formatStatement(Session &session, char *buffer, std::size_t size, const char
 // returns null when memory is short. Count and array are stored only when
 // every row was copied; otherwise what was built is destroyed.
 template <typename T, typename Make, typename Destroy>
-int collectRows(const Session &session, const char *label, Make make, Destroy destroy,
-                int *count, T ***array) {
+int collectRows(const Session &session, const char *label, Make make, Destroy destroy, int *count,
+                T ***array) {
   int rows = session.rows();
   T **built = newArray<T>(rows, label);
   if (built == nullptr)

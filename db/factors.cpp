@@ -192,9 +192,9 @@ int qn_db_userFactorDisconnectById(dbctx *context, int userfactorid) {
   if (int status = session.connect())
     return status;
   char sql[1024];
-  if (int status = formatStatement(session, sql, sizeof sql,
-                                   "delete from qmx_userfactor where userfactorid = %d",
-                                   userfactorid))
+  if (int status =
+          formatStatement(session, sql, sizeof sql,
+                          "delete from qmx_userfactor where userfactorid = %d", userfactorid))
     return status;
   return session.execParams(
       sql, Expect::Command,
@@ -251,8 +251,8 @@ int qn_db_userFactorTagsUpdate(dbctx *context, const char *unixuid, const char *
   // -1 leaves the active flag as it is.
   char activePart[15] = {};
   if (isactive != -1) {
-    if (int status = formatStatement(session, activePart, sizeof activePart, ",isactive=%d ",
-                                     isactive))
+    if (int status =
+            formatStatement(session, activePart, sizeof activePart, ",isactive=%d ", isactive))
       return status;
   }
   char sql[1024];
@@ -266,7 +266,9 @@ int qn_db_userFactorTagsUpdate(dbctx *context, const char *unixuid, const char *
   return session.execParams(sql, Expect::Command, kUpdateFailed);
 }
 
-int qn_db_userFactorTagsClear(dbctx *, const char *, const char *) { return QN_DB_NOT_PROVIDED; }
+int qn_db_userFactorTagsClear(dbctx *, const char *, const char *) {
+  return QN_DB_NOT_PROVIDED;
+}
 
 int qn_db_getMfaIdFactornameFromConnectionId(dbctx *context, int userfactorid, char **unixuid,
                                              char **factorName) {

@@ -18,6 +18,10 @@ constexpr const char *kLinkByNames =
     "qmx_factor.factorid from qmx_policy,qmx_factor where qmx_policy.policyname='%s' and "
     "qmx_factor.factorname='%s'";
 
+// The by-name deleters and the user-policy link removers report with the
+// insert code; callers of these operations check for that code.
+constexpr Failure kDeleteAsInsertFailed{QN_DB_INSERT_FAILED, "delete failed: %s\n", Reason::Result};
+
 constexpr const char *kLinkByIds = "insert into qmx_policyfactor(policyid,factorid) values(%d,%d)";
 
 // Links the named factors to the policy whose escaped name is given; stops at
@@ -205,8 +209,8 @@ int qn_db_policyGetOne(dbctx *context, const char *policyName, userPolicyData **
                     "qmx_policyfactor apf where af.factorid=apf.factorid and "
                     "ap.policyid=apf.policyid and ap.policyname=$1";
   // A parameter needs no escaping; the name is sent as given.
-  if (int status = session.execParams((sql + kPolicyOrder).c_str(), Expect::Tuples,
-                                      kSelectFailed, {policyName}))
+  if (int status = session.execParams((sql + kPolicyOrder).c_str(), Expect::Tuples, kSelectFailed,
+                                      {policyName}))
     return status;
   if (session.rows() == 0) {
     session.report("no policy data returned\n");
@@ -298,8 +302,8 @@ int qn_db_policyUpdate(dbctx *context, const userPolicyData *policy) {
     if (int status = formatStatement(session, sql, sizeof sql,
                                      "update qmx_policy set policyname='%s',policynote='%s',"
                                      "ctctimeout=%d, ctcreuse=%d  where policyname='%s'",
-                                     name.get(), note.get(), policy->ctctimeout,
-                                     policy->ctcreuse, name.get()))
+                                     name.get(), note.get(), policy->ctctimeout, policy->ctcreuse,
+                                     name.get()))
       return status;
     if (int status = session.execParams(
             sql, Expect::Command, {QN_DB_UPDATE_FAILED, "update failed: %s\n", Reason::Result}))
@@ -333,8 +337,7 @@ int qn_db_policyUpdateREST(dbctx *context, int policyid, const char *policyNote,
   });
 }
 
-int qn_db_policyConnectFactors(dbctx *context, int policyid, int numFactors,
-                               const int *factorIds) {
+int qn_db_policyConnectFactors(dbctx *context, int policyid, int numFactors, const int *factorIds) {
   Session session(context);
   if (policyid == 0 || numFactors <= 0 || factorIds == nullptr) {
     session.report("Bad parameters to policy connect factors.\n");
@@ -370,14 +373,13 @@ int qn_db_policyDelete(dbctx *context, const char *policyName) {
   Escaped name = session.escape(policyName);
   if (!name)
     return QN_DB_BAD_PARAMETERS;
-  constexpr Failure failure{QN_DB_INSERT_FAILED, "delete failed: %s\n", Reason::Result};
   return session.transaction([&] {
     for (const char *sql : {"delete from qmx_userpolicy where policyid = (select policyid from "
                             "qmx_policy where policyname=$1)",
                             "delete from qmx_policyfactor where policyid = (select policyid "
                             "from qmx_policy where policyname=$1)",
                             "delete from qmx_policy where policyname=$1"})
-      if (int status = runByName(session, sql, failure, name))
+      if (int status = runByName(session, sql, kDeleteAsInsertFailed, name))
         return status;
     return 0;
   });
@@ -442,7 +444,7 @@ int qn_db_userPolicyDisconnectById(dbctx *context, int userpolicyid) {
   if (int status = session.connect())
     return status;
   return runById(session, "delete from qmx_userpolicy where userpolicyid = %d", userpolicyid,
-                 {QN_DB_INSERT_FAILED, "delete failed: %s\n", Reason::Result});
+                 kDeleteAsInsertFailed);
 }
 
 int qn_db_userPolicyDisconnect(dbctx *context, const char *unixuid, const char *policyName) {
@@ -456,9 +458,7 @@ int qn_db_userPolicyDisconnect(dbctx *context, const char *unixuid, const char *
   return session.execParams("delete from qmx_userpolicy where policyid = (select policyid from "
                             "qmx_policy where policyname=$1) and userid = (select userid from "
                             "qmx_user where unixuid=$2)",
-                            Expect::Command,
-                            {QN_DB_INSERT_FAILED, "delete failed: %s\n", Reason::Result},
-                            {name.get(), uid.get()});
+                            Expect::Command, kDeleteAsInsertFailed, {name.get(), uid.get()});
 }
 
 } // extern "C"

@@ -51,8 +51,7 @@ int qn_db_policyUpdateREST(dbctx *context, int policyid, const char *policyNote,
 
 // Links the factor ids to the policy, all or none. 80106 for a zero id or
 // no factors, 80104 when an insert fails.
-int qn_db_policyConnectFactors(dbctx *context, int policyid, int numFactors,
-                               const int *factorIds);
+int qn_db_policyConnectFactors(dbctx *context, int policyid, int numFactors, const int *factorIds);
 
 // Unlinks one factor. 80106 for a zero id, 80108 on failure.
 int qn_db_policyDisconnectFactor(dbctx *context, int policyid, int factorid);

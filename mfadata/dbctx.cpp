@@ -162,8 +162,8 @@ int qn_db_createPwhashCtx(dbctx *context, qn_pkcs11_session *tokenSession, int i
   if (context == nullptr)
     return QN_DB_PWHASH_UNAVAILABLE;
   qn_pwhash_ctx *hashing = nullptr;
-  int status = qn_pwhash_ctx_init(static_cast<uint32_t>(iterationCount), 16, 32, tokenSession,
-                                  &hashing);
+  int status =
+      qn_pwhash_ctx_init(static_cast<uint32_t>(iterationCount), 16, 32, tokenSession, &hashing);
   if (status != 0 || hashing == nullptr) {
     printStamped("qn_pwhash_ctx_init failed (sts=%d). Hashing will not be available\n", status);
     context->pwhashContext = nullptr;

@@ -41,7 +41,7 @@ struct qn_pkcs11_session;
 #define MFADATA_OUT_OF_MEMORY 1200020
 
 typedef struct dbctx {
-  struct LoggingContext *logContext;  // not owned
+  struct LoggingContext *logContext;   // not owned
   struct qn_pwhash_ctx *pwhashContext; // null until qn_db_createPwhashCtx
   char *connectionString;              // owned
 } dbctx;
@@ -55,16 +55,17 @@ int parseDbConf(const char *path, char **connectionString);
 // (its failure is returned and nothing is made); without one it is
 // "dbname=mfadb ". A null logContext makes and configures the process-wide
 // one. Release with qn_db_destroyDbCtx.
-int qn_db_createDBCtx(dbctx **context, struct LoggingContext *logContext,
-                      const char *configPath);
+int qn_db_createDBCtx(dbctx **context, struct LoggingContext *logContext, const char *configPath);
 
 // Frees the connection string and the context; neither the logging context
 // nor the password-hashing context is destroyed. Accepts null.
 void qn_db_destroyDbCtx(dbctx *context);
 
 // Attaches a password-hashing context (16-byte salts, 32-byte keys) on the
-// given open token session, which stays the caller's. Returns 0, or 80110 with the attachment cleared; the
-// context stays usable for operations that do not hash.
+// given open token session, which stays the caller's. Returns 0, or 80110
+// with the attachment cleared; the context stays usable for operations that
+// do not hash. The hashing context outlives qn_db_destroyDbCtx: release it
+// with qn_pwhash_ctx_destroy.
 int qn_db_createPwhashCtx(dbctx *context, struct qn_pkcs11_session *tokenSession,
                           int iterationCount);
 

@@ -83,7 +83,9 @@ constexpr RcText kRcTexts[] = {
     {8, 120, 10, " (buffer too small)"},
 };
 
-bool matches(int wanted, int actual) { return wanted == -1 || wanted == actual; }
+bool matches(int wanted, int actual) {
+  return wanted == -1 || wanted == actual;
+}
 
 void setTriple(int *gavrc, int *korsrc, int *korsrsn, int g, int k, int r) {
   *gavrc = g;
@@ -133,8 +135,7 @@ int pq_userMFAData_create(dbctx *context, const char *userid, userMFAData **resu
   }
 
   // The fallback flag is informational: neither failure stops the read.
-  if (session.execParams("select passwordfallback from qmx_user where unixuid=$1",
-                         Expect::Tuples,
+  if (session.execParams("select passwordfallback from qmx_user where unixuid=$1", Expect::Tuples,
                          {QN_DB_SELECT_FAILED, "select failed: %s", Reason::Result},
                          {userid}) == 0) {
     if (session.rows() > 0)
@@ -269,7 +270,9 @@ int kfactor_policyData_get(dbctx *context, const char *policyName, userPolicyDat
   return qn_db_policyGetOne(context, policyName, result);
 }
 
-void kfactor_policyData_destroy(userPolicyData *policy) { destroyUserPolicyData(policy); }
+void kfactor_policyData_destroy(userPolicyData *policy) {
+  destroyUserPolicyData(policy);
+}
 
 const char *kfactor_describe_rc(int gavrc, int korsrc, int korsrsn, int status) {
   if (gavrc == 0 && korsrc == 0 && korsrsn == 0 && status != 0)

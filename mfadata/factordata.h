@@ -47,8 +47,7 @@ int kfactor_get_factorwide_settings(dbctx *context, const char *factorName, char
 // for symmetry with the reader and not used. Returns the status of
 // qn_db_factorUpdateSettings.
 int kfactor_set_factorwide_settings(dbctx *context, const char *factorName, const char *settings,
-                                    uint64_t settingsLength, int *gavrc, int *korsrc,
-                                    int *korsrsn);
+                                    uint64_t settingsLength, int *gavrc, int *korsrc, int *korsrsn);
 
 // Reads the named policy. 80106 when an argument is null; otherwise the
 // triple is zeroed and the result of qn_db_policyGetOne is returned. Release

@@ -11,8 +11,8 @@
 #include <string>
 #include <unistd.h>
 
-#include "base/jsonprint.h"
 #include "support/env.h"
+#include "support/jsontree.h"
 
 namespace {
 
@@ -56,61 +56,16 @@ Result parseFile2(ShortLivedHeap *slh, std::string_view text) {
   return {value, error};
 }
 
-int appendToString(jsonPrinter *printer, const char *bytes, int length) {
-  static_cast<std::string *>(printer->sinkData)->append(bytes, length);
-  return length;
-}
-
-std::string print(Json *value) {
-  std::string out;
-  jsonPrinter *printer = makeCustomJsonPrinter(appendToString, &out);
-  jsonPrint(printer, value);
-  freeJsonPrinter(printer);
-  return out;
-}
-
-bool sameTree(Json *a, Json *b) {
-  if (a == nullptr || b == nullptr || a->type != b->type)
-    return a == b;
-  switch (a->type) {
-  case JSON_TYPE_NUMBER:
-    return a->data.number == b->data.number;
-  case JSON_TYPE_STRING:
-    return strcmp(a->data.string, b->data.string) == 0;
-  case JSON_TYPE_BOOLEAN:
-    return a->data.boolean == b->data.boolean;
-  case JSON_TYPE_INT64:
-    return a->data.number64 == b->data.number64;
-  case JSON_TYPE_DOUBLE:
-    return a->data.dnumber == b->data.dnumber;
-  case JSON_TYPE_OBJECT: {
-    JsonProperty *p = a->data.object->firstProperty, *q = b->data.object->firstProperty;
-    for (; p != nullptr && q != nullptr; p = p->next, q = q->next)
-      if (strcmp(p->key, q->key) != 0 || !sameTree(p->value, q->value))
-        return false;
-    return p == q;
-  }
-  case JSON_TYPE_ARRAY: {
-    JsonArray *x = a->data.array, *y = b->data.array;
-    if (x->count != y->count)
-      return false;
-    for (int i = 0; i < x->count; i++)
-      if (!sameTree(x->elements[i], y->elements[i]))
-        return false;
-    return true;
-  }
-  default:
-    return true;
-  }
-}
+using mfatest::printJsonTree;
+using mfatest::sameJsonTree;
 
 // The property every accepted text must have: printing the tree and parsing
 // the output gives the same tree.
 void expectRoundTrip(ShortLivedHeap *slh, Json *tree) {
-  std::string printed = print(tree);
+  std::string printed = printJsonTree(tree);
   Result again = parse(slh, printed);
   ASSERT_NE(again.value, nullptr) << printed << " -> " << again.error;
-  EXPECT_TRUE(sameTree(tree, again.value)) << printed;
+  EXPECT_TRUE(sameJsonTree(tree, again.value)) << printed;
 }
 
 bool isPositioned(const std::string &message) {
@@ -313,7 +268,7 @@ TEST(JsonParse, HostileSizesFailCleanly) {
   std::string nested = std::string(1000, '[') + std::string(1000, ']');
   Result ok = parse(heap.slh, nested);
   ASSERT_NE(ok.value, nullptr) << ok.error;
-  EXPECT_EQ(print(ok.value), nested);
+  EXPECT_EQ(printJsonTree(ok.value), nested);
 
   // Strings beyond the first token buffer grow it.
   std::string longText(100000, 'x');
@@ -453,10 +408,10 @@ TEST(JsonPrint, PrintsEveryTypeInSourceOrder) {
   Result r =
       parseFile2(heap.slh, "{\"a\":[1,\"t\\\"x\\n\",true,null,{}],\"b\":-2.5,\"c\":{\"d\":[]}}");
   ASSERT_NE(r.value, nullptr) << r.error;
-  EXPECT_EQ(print(r.value),
+  EXPECT_EQ(printJsonTree(r.value),
             "{\"a\":[1,\"t\\\"x\\n\",true,null,{}],\"b\":-2.500000,\"c\":{\"d\":[]}}");
   Json error{JSON_TYPE_ERROR, {}};
-  EXPECT_EQ(print(&error), "");
+  EXPECT_EQ(printJsonTree(&error), "");
 }
 
 // Random documents from a grammar close to what the parser accepts, with

@@ -105,7 +105,8 @@ TEST_F(FactorsTest, ConnectingUsersToFactors) {
 TEST_F(FactorsTest, ConnectingFromAPolicyAddsOnlyMissingFactors) {
   int userid = addUser("bob");
   int yubi = addFactor("QMXTEST1");
-  int policyid = std::stoi(value("insert into qmx_policy(policyname) values('p') returning policyid"));
+  int policyid =
+      std::stoi(value("insert into qmx_policy(policyname) values('p') returning policyid"));
   sql("insert into qmx_policyfactor values(" + std::to_string(policyid) + "," +
       std::to_string(yubi) + "),(" + std::to_string(policyid) + "," +
       std::to_string(factorId("QMXLDAP1")) + ")");
@@ -135,9 +136,8 @@ TEST_F(FactorsTest, DisconnectingByLinkIdOrNames) {
 
   ASSERT_EQ(qn_db_userFactorDisconnectById(ctx, link), 0);
   uid = name = nullptr;
-  mfatest::captureStdout([&] {
-    EXPECT_EQ(qn_db_getMfaIdFactornameFromConnectionId(ctx, link, &uid, &name), 80105);
-  });
+  mfatest::captureStdout(
+      [&] { EXPECT_EQ(qn_db_getMfaIdFactornameFromConnectionId(ctx, link, &uid, &name), 80105); });
   EXPECT_EQ(uid, nullptr);
   // The by-name lookup gets the escaped uid, as every by-name operation does:
   // the doubled quote matches no user.

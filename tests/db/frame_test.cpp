@@ -8,6 +8,8 @@
 #include <string>
 
 #include "base/alloc.h"
+#include "base/logging.h"
+#include "db/dbcommon_internal.h"
 #include "db/factors.h"
 #include "db/policies.h"
 #include "mfadata/factordata.h"
@@ -24,8 +26,8 @@ using Operation = std::function<int(dbctx *)>;
 // One call of every operation that reaches the database, with valid inputs.
 std::vector<std::pair<std::string, Operation>> everyOperation() {
   static int ids[] = {1, 2};
-  static userPolicyData policy = {const_cast<char *>("p"), const_cast<char *>("n"), 1, 2, 0,
-                                  nullptr, nullptr};
+  static userPolicyData policy = {
+      const_cast<char *>("p"), const_cast<char *>("n"), 1, 2, 0, nullptr, nullptr};
   return {
       {"factorGetEnabledNames",
        [](dbctx *c) {
@@ -151,27 +153,44 @@ TEST_F(DbFrameTest, FailedStatementsReportTheirOwnCodes) {
   freeString(ctx->connectionString);
   ctx->connectionString = duplicateString("dbname=mfadb options='-csearch_path=nowhere'");
   std::map<std::string, int> expected = {
-      {"factorGetEnabledNames", 80102}, {"factorGetAll", 80102},
-      {"factorGetByName", 80102},       {"factorGetById", 80102},
-      {"factorUpdateSettings", 80107},  {"userFactorConnectById", 80104},
-      {"userFactorConnect", 80104},     {"userFactorConnectFromPolicyId", 80104},
-      {"userFactorDisconnectById", 80108}, {"userFactorDisconnect", 80104},
-      {"userFactorUpdateIsActive", 80107}, {"userFactorTagsUpdate", 80107},
-      {"getMfaIdFactornameFromConnectionId", 80102}, {"policyCreate", 80104},
-      {"policyCreateREST", 80104},      {"policyGetAll", 80102},
-      {"policyGetOne", 80102},          {"policyGetAllREST", 80102},
-      {"policyGetOneREST", 80102},      {"policyUpdate", 80107},
-      {"policyUpdateREST", 80104},      {"policyConnectFactors", 80104},
-      {"policyDisconnectFactor", 80108}, {"policyDelete", 80104},
-      {"policyDeleteById", 80108},      {"userPolicyConnectById", 80104},
-      {"userPolicyConnect", 80104},     {"userPolicyDisconnectById", 80104},
-      {"userPolicyDisconnect", 80104},  {"pq_userMFAData_create", 80102},
+      {"factorGetEnabledNames", 80102},
+      {"factorGetAll", 80102},
+      {"factorGetByName", 80102},
+      {"factorGetById", 80102},
+      {"factorUpdateSettings", 80107},
+      {"userFactorConnectById", 80104},
+      {"userFactorConnect", 80104},
+      {"userFactorConnectFromPolicyId", 80104},
+      {"userFactorDisconnectById", 80108},
+      {"userFactorDisconnect", 80104},
+      {"userFactorUpdateIsActive", 80107},
+      {"userFactorTagsUpdate", 80107},
+      {"getMfaIdFactornameFromConnectionId", 80102},
+      {"policyCreate", 80104},
+      {"policyCreateREST", 80104},
+      {"policyGetAll", 80102},
+      {"policyGetOne", 80102},
+      {"policyGetAllREST", 80102},
+      {"policyGetOneREST", 80102},
+      {"policyUpdate", 80107},
+      {"policyUpdateREST", 80104},
+      {"policyConnectFactors", 80104},
+      {"policyDisconnectFactor", 80108},
+      {"policyDelete", 80104},
+      {"policyDeleteById", 80108},
+      {"userPolicyConnectById", 80104},
+      {"userPolicyConnect", 80104},
+      {"userPolicyDisconnectById", 80104},
+      {"userPolicyDisconnect", 80104},
+      {"pq_userMFAData_create", 80102},
       // A failed read of one factor hands out nothing and still succeeds.
-      {"kfactor_get_UserFactorData", 0}, {"kfactor_update_UserFactorData", 80107},
+      {"kfactor_get_UserFactorData", 0},
+      {"kfactor_update_UserFactorData", 80107},
       {"kfactor_get_factorwide_settings", 80102},
   };
   for (auto &[name, operation] : everyOperation()) {
-    std::string out = mfatest::captureStdout([&] { EXPECT_EQ(operation(ctx), expected[name]) << name; });
+    std::string out =
+        mfatest::captureStdout([&] { EXPECT_EQ(operation(ctx), expected[name]) << name; });
     EXPECT_NE(out.find("relation \"qmx_"), std::string::npos) << name << out;
   }
 }
@@ -182,13 +201,37 @@ TEST_F(DbFrameTest, StatementTooLongForItsBufferIsRefusedNotCut) {
   std::string out = mfatest::captureStdout([&] {
     EXPECT_EQ(qn_db_userFactorConnect(ctx, "u", longName.c_str(), 1), 80106);
     // The 512-byte update of a policy is refused inside its transaction.
-    userPolicyData policy = {const_cast<char *>("p"), const_cast<char *>(longName.c_str() + 650),
-                             1, 2, 0, nullptr, nullptr};
+    userPolicyData policy = {const_cast<char *>("p"),
+                             const_cast<char *>(longName.c_str() + 650),
+                             1,
+                             2,
+                             0,
+                             nullptr,
+                             nullptr};
     EXPECT_EQ(qn_db_policyCreate(ctx, &policy), 0);
     EXPECT_EQ(qn_db_policyUpdate(ctx, &policy), 80106);
   });
   EXPECT_NE(out.find("MFADB:statement too long"), std::string::npos) << out;
   EXPECT_EQ(value("select count(*) from qmx_userfactor"), "0");
+}
+
+TEST_F(DbFrameTest, ServerNoticesGoToTheLogNotToStandardError) {
+  mfadb::Session session(ctx);
+  ASSERT_EQ(session.connect(), 0);
+  // A ROLLBACK outside a transaction draws a warning from the server.
+  std::string err, out;
+  out = mfatest::captureStdout([&] {
+    err = mfatest::captureStderr(
+        [&] { session.exec("ROLLBACK", mfadb::Expect::Command, mfadb::kDeleteFailed); });
+  });
+  EXPECT_EQ(err, "");
+  EXPECT_EQ(out, "");
+  logSetLevel(ctx->logContext, MFADB_COMPONENT_ID, mfadb::kNoticeLevel);
+  out = mfatest::captureStdout(
+      [&] { session.exec("ROLLBACK", mfadb::Expect::Command, mfadb::kDeleteFailed); });
+  logSetLevel(ctx->logContext, MFADB_COMPONENT_ID, MFADB_COMPONENT_LEVEL);
+  EXPECT_NE(out.find("MFADB:WARNING:  there is no transaction in progress"), std::string::npos)
+      << out;
 }
 
 } // namespace

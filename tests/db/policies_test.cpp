@@ -24,8 +24,13 @@ struct Definition {
              std::vector<const char *> factors) {
     for (const char *f : factors)
       names.push_back(const_cast<char *>(f));
-    data = {const_cast<char *>(name), const_cast<char *>(note), timeout, reuse,
-            static_cast<int>(names.size()), names.data(), nullptr};
+    data = {const_cast<char *>(name),
+            const_cast<char *>(note),
+            timeout,
+            reuse,
+            static_cast<int>(names.size()),
+            names.data(),
+            nullptr};
   }
 };
 

@@ -7,6 +7,7 @@
 
 #include "base/alloc.h"
 #include "base/logging.h"
+#include "crypto/pwhash.h"
 #include "support/env.h"
 
 namespace {
@@ -115,6 +116,19 @@ TEST(DbContext, LogsTheDatabaseComponentAtLevelTwoThroughQmx) {
   EXPECT_NE(out.find("MFADB:info 2\n"), std::string::npos) << out;
   EXPECT_EQ(out.find("debug"), std::string::npos) << out;
   qn_db_destroyDbCtx(ctx);
+}
+
+TEST(DbContext, AttachesAHashingContextForStoredPasswords) {
+  dbctx *ctx = nullptr;
+  ASSERT_EQ(qn_db_createDBCtx(&ctx, nullptr, nullptr), 0);
+  ASSERT_EQ(qn_db_createPwhashCtx(ctx, nullptr, 4096), 0);
+  ASSERT_NE(ctx->pwhashContext, nullptr);
+  EXPECT_EQ(ctx->pwhashContext->iterationCount, 4096u);
+  EXPECT_EQ(ctx->pwhashContext->saltLength, 16u);
+  EXPECT_EQ(ctx->pwhashContext->derivedKeyLength, 32u);
+  qn_pwhash_ctx_destroy(ctx->pwhashContext);
+  qn_db_destroyDbCtx(ctx);
+  EXPECT_EQ(qn_db_createPwhashCtx(nullptr, nullptr, 1), QN_DB_PWHASH_UNAVAILABLE);
 }
 
 } // namespace

@@ -14,7 +14,9 @@ namespace {
 using Connection = std::unique_ptr<PGconn, decltype(&PQfinish)>;
 using Result = std::unique_ptr<PGresult, decltype(&PQclear)>;
 
-Connection connectToMfadb() { return Connection(PQconnectdb("dbname=mfadb"), PQfinish); }
+Connection connectToMfadb() {
+  return Connection(PQconnectdb("dbname=mfadb"), PQfinish);
+}
 
 // The seed statements of the schema: everything after its seed marker, so
 // the fixture replays the schema's own rows rather than a copy of them.
@@ -63,7 +65,9 @@ void PgTest::SetUp() {
   ASSERT_EQ(qn_db_createDBCtx(&ctx, nullptr, nullptr), 0);
 }
 
-void PgTest::TearDown() { qn_db_destroyDbCtx(ctx); }
+void PgTest::TearDown() {
+  qn_db_destroyDbCtx(ctx);
+}
 
 void PgTest::sql(const std::string &statements) {
   Connection connection = connectToMfadb();
@@ -105,8 +109,7 @@ int PgTest::addFactor(const std::string &factorName, const std::string &note) {
 }
 
 int PgTest::factorId(const std::string &factorName) {
-  return std::stoi(
-      value("select factorid from qmx_factor where factorname=" + quoted(factorName)));
+  return std::stoi(value("select factorid from qmx_factor where factorname=" + quoted(factorName)));
 }
 
 } // namespace mfatest
