@@ -110,7 +110,9 @@ int32_t qn_pkcs11_env_refresh(qn_pkcs11_env *env);
 void qn_pkcs11_env_describe(const qn_pkcs11_env *env);
 
 // Finalises the provider (when initialised) and frees the environment.
-// Accepts null. Tokens and sessions of the environment become unusable.
+// Accepts null. Tokens and sessions of the environment become unusable, and
+// so do those of any other environment over the same provider library: the
+// provider's state is one per process.
 void qn_pkcs11_env_destroy(qn_pkcs11_env *env);
 
 // The first token, in slot order, whose label equals label (1 to 32
