@@ -245,10 +245,11 @@ int32_t qn_pkcs11_hmac_internal(qn_pkcs11_session *session, const qn_pkcs11_key 
 
 // AES-CBC with PKCS padding. The encrypted form is IV (16 bytes, fresh from
 // the token) followed by the ciphertext. *outLength is the capacity of out on
-// entry and the bytes written on success. Encrypting needs a capacity of at
-// least 16 + plaintextLength rounded up to the next multiple of 16 (a
-// smaller one gives 7770002 or the token's CKR_BUFFER_TOO_SMALL); an input to
-// decrypt shorter than 16 bytes gives CKR_ENCRYPTED_DATA_LEN_RANGE.
+// entry and the bytes written on success. Encrypting needs a capacity of 16
+// plus plaintextLength rounded up to the next whole block (a block more when
+// it is whole already), decrypting one of inputLength - 16; a smaller one
+// gives 7770002 before the token is used. An input to decrypt shorter than 16
+// bytes gives CKR_ENCRYPTED_DATA_LEN_RANGE.
 int32_t qn_pkcs11_encrypt_AESCBCPad(qn_pkcs11_session *session, const qn_pkcs11_key *key,
                                     const unsigned char *plaintext, uint32_t plaintextLength,
                                     unsigned char *out, uint32_t *outLength);
