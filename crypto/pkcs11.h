@@ -176,7 +176,9 @@ int32_t qn_pkcs11_gen_RSAKeyPair(qn_pkcs11_session *session, uint32_t modulusBit
                                  qn_pkcs11_key *outPrivateKey);
 
 // Key creation from raw bytes. label and application may be null unless
-// stated otherwise; each is stored with its string length.
+// stated otherwise; each is stored with its string length. Tokens commonly
+// refuse CKA_APPLICATION on keys (it belongs to data objects), so callers
+// normally pass no application.
 // Session objects (they vanish with the session):
 //   aesSessionKey: AES key of 16, 24 or 32 bytes, encrypt and decrypt.
 //   hmacSessionKey: generic-secret key, sign and verify.
