@@ -2,6 +2,7 @@
 #include "crypto/pkcs11.h"
 
 #include "base/alloc.h"
+#include "crypto/digest.h"
 
 #include <dlfcn.h>
 
@@ -135,7 +136,7 @@ public:
   uint32_t size() const { return static_cast<uint32_t>(count_); }
 
 private:
-  std::array<CK_ATTRIBUTE, 16> attributes_{};
+  std::array<CK_ATTRIBUTE, 16> attributes_{}; // the largest template here has 13
   std::size_t count_ = 0;
 };
 
@@ -190,7 +191,7 @@ int32_t generateSecret(qn_pkcs11_session *session, CK_MECHANISM_TYPE generator, 
 }
 
 // The HMAC mechanisms with their output length, indexed by digest identifier
-// minus 7 (7 MD5 ... 11 SHA-512).
+// minus QN_HASH_MD5.
 struct HmacMechanism {
   CK_MECHANISM_TYPE mechanism;
   uint32_t length;
@@ -229,9 +230,10 @@ int32_t createSecretFromRaw(qn_pkcs11_session *session, CK_KEY_TYPE keyType, boo
     return kMissingArgument;
   if (keyType == CKK_AES && rawLength > 32)
     return QN_PKCS11_RC_AES_RAW_TOO_LONG;
-  // Zero bytes appended to an HMAC key shorter than the hash block leave the
-  // HMAC unchanged, and some providers refuse keys under 32 bytes.
-  constexpr uint32_t kShortestHmacKey = 32;
+  // Zero bytes appended to an HMAC key shorter than the hash block (64 bytes
+  // at least) leave the HMAC unchanged, and some providers refuse keys
+  // shorter than the digest.
+  constexpr uint32_t kShortestHmacKey = 64;
   std::array<unsigned char, kShortestHmacKey> padded{};
   const unsigned char *value = raw;
   uint32_t valueLength = rawLength;
@@ -291,16 +293,11 @@ int32_t openSession(qn_pkcs11_token *token, qn_pkcs11_session *session, bool rea
   return 0;
 }
 
-int32_t findKey(qn_pkcs11_session *session, CK_OBJECT_CLASS objectClass, CK_KEY_TYPE keyType,
-                const char *label, qn_pkcs11_key *outKey) {
-  return qn_pkcs11_find_KeyWithLabel(session, objectClass, keyType, label, outKey);
-}
-
-int32_t hmacWith(qn_pkcs11_session *session, const qn_pkcs11_key *key, std::size_t index,
+int32_t hmacWith(qn_pkcs11_session *session, const qn_pkcs11_key *key, uint32_t digest,
                  const unsigned char *data, uint32_t dataLength, unsigned char *mac,
                  uint32_t *macLength) {
-  return qn_pkcs11_hmac_internal(session, key, kHmacMechanisms[index].mechanism, data, dataLength,
-                                 mac, macLength);
+  return qn_pkcs11_hmac_internal(session, key, kHmacMechanisms[digest - QN_HASH_MD5].mechanism,
+                                 data, dataLength, mac, macLength);
 }
 
 // Maps the RSA hash selector to its signing mechanism; false when unknown.
@@ -691,11 +688,11 @@ int32_t qn_pkcs11_gen_shaHMACKeyWithLabel(qn_pkcs11_session *session, uint32_t d
   if (session == nullptr || label == nullptr || outKey == nullptr)
     return kMissingArgument;
   // MD5 (7) keys are not offered: the one-time codes refuse that digest.
-  if (digest < 8 || digest > 11)
+  if (digest < QN_HASH_SHA1 || digest > QN_HASH_SHA512)
     return QN_PKCS11_RC_KEY_SIZE;
   return generateSecret(session, CKM_GENERIC_SECRET_KEY_GEN, CKK_GENERIC_SECRET,
-                        kHmacMechanisms[digest - 7].length, label, extractable, nullptr, 0,
-                        "C_GenerateKey (qn_pkcs11_gen_shaHMACKeyWithLabel)", outKey);
+                        kHmacMechanisms[digest - QN_HASH_MD5].length, label, extractable, nullptr,
+                        0, "C_GenerateKey (qn_pkcs11_gen_shaHMACKeyWithLabel)", outKey);
 }
 
 int32_t qn_pkcs11_gen_RSAKeyPair(qn_pkcs11_session *session, uint32_t modulusBits,
@@ -842,22 +839,22 @@ int32_t qn_pkcs11_find_KeyWithLabel(qn_pkcs11_session *session, CK_OBJECT_CLASS 
 
 int32_t qn_pkcs11_find_RSAPubWithLabel(qn_pkcs11_session *session, const char *label,
                                        qn_pkcs11_key *outKey) {
-  return findKey(session, CKO_PUBLIC_KEY, CKK_RSA, label, outKey);
+  return qn_pkcs11_find_KeyWithLabel(session, CKO_PUBLIC_KEY, CKK_RSA, label, outKey);
 }
 
 int32_t qn_pkcs11_find_RSAPrivWithLabel(qn_pkcs11_session *session, const char *label,
                                         qn_pkcs11_key *outKey) {
-  return findKey(session, CKO_PRIVATE_KEY, CKK_RSA, label, outKey);
+  return qn_pkcs11_find_KeyWithLabel(session, CKO_PRIVATE_KEY, CKK_RSA, label, outKey);
 }
 
 int32_t qn_pkcs11_find_AESWithLabel(qn_pkcs11_session *session, const char *label,
                                     qn_pkcs11_key *outKey) {
-  return findKey(session, CKO_SECRET_KEY, CKK_AES, label, outKey);
+  return qn_pkcs11_find_KeyWithLabel(session, CKO_SECRET_KEY, CKK_AES, label, outKey);
 }
 
 int32_t qn_pkcs11_find_genericSecretWithLabel(qn_pkcs11_session *session, const char *label,
                                               qn_pkcs11_key *outKey) {
-  return findKey(session, CKO_SECRET_KEY, CKK_GENERIC_SECRET, label, outKey);
+  return qn_pkcs11_find_KeyWithLabel(session, CKO_SECRET_KEY, CKK_GENERIC_SECRET, label, outKey);
 }
 
 // ---- HMAC ----
@@ -899,31 +896,31 @@ int32_t qn_pkcs11_hmac_internal(qn_pkcs11_session *session, const qn_pkcs11_key 
 int32_t qn_pkcs11_hmac_MD5(qn_pkcs11_session *session, const qn_pkcs11_key *key,
                            const unsigned char *data, uint32_t dataLength, unsigned char *mac,
                            uint32_t *macLength) {
-  return hmacWith(session, key, 0, data, dataLength, mac, macLength);
+  return hmacWith(session, key, QN_HASH_MD5, data, dataLength, mac, macLength);
 }
 
 int32_t qn_pkcs11_hmac_SHA1(qn_pkcs11_session *session, const qn_pkcs11_key *key,
                             const unsigned char *data, uint32_t dataLength, unsigned char *mac,
                             uint32_t *macLength) {
-  return hmacWith(session, key, 1, data, dataLength, mac, macLength);
+  return hmacWith(session, key, QN_HASH_SHA1, data, dataLength, mac, macLength);
 }
 
 int32_t qn_pkcs11_hmac_SHA256(qn_pkcs11_session *session, const qn_pkcs11_key *key,
                               const unsigned char *data, uint32_t dataLength, unsigned char *mac,
                               uint32_t *macLength) {
-  return hmacWith(session, key, 2, data, dataLength, mac, macLength);
+  return hmacWith(session, key, QN_HASH_SHA256, data, dataLength, mac, macLength);
 }
 
 int32_t qn_pkcs11_hmac_SHA384(qn_pkcs11_session *session, const qn_pkcs11_key *key,
                               const unsigned char *data, uint32_t dataLength, unsigned char *mac,
                               uint32_t *macLength) {
-  return hmacWith(session, key, 3, data, dataLength, mac, macLength);
+  return hmacWith(session, key, QN_HASH_SHA384, data, dataLength, mac, macLength);
 }
 
 int32_t qn_pkcs11_hmac_SHA512(qn_pkcs11_session *session, const qn_pkcs11_key *key,
                               const unsigned char *data, uint32_t dataLength, unsigned char *mac,
                               uint32_t *macLength) {
-  return hmacWith(session, key, 4, data, dataLength, mac, macLength);
+  return hmacWith(session, key, QN_HASH_SHA512, data, dataLength, mac, macLength);
 }
 
 // ---- AES-CBC with padding ----

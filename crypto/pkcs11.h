@@ -110,7 +110,9 @@ int32_t qn_pkcs11_env_refresh(qn_pkcs11_env *env);
 void qn_pkcs11_env_describe(const qn_pkcs11_env *env);
 
 // Finalises the provider (when initialised) and frees the environment.
-// Accepts null. Tokens and sessions of the environment become unusable.
+// Accepts null. Tokens and sessions of the environment become unusable, and
+// so do those of any other environment over the same provider library: the
+// provider's state is one per process.
 void qn_pkcs11_env_destroy(qn_pkcs11_env *env);
 
 // The first token, in slot order, whose label equals label (1 to 32
@@ -182,9 +184,9 @@ int32_t qn_pkcs11_gen_RSAKeyPair(qn_pkcs11_session *session, uint32_t modulusBit
 //   65537), verify, encrypt and wrap.
 // Token objects (label required):
 //   aesKey, hmacKey: as their session forms.
-// Secret keys are sensitive and not extractable. HMAC values shorter than 32
-// bytes are padded with zero bytes to 32 (the same HMAC), because some
-// providers refuse short HMAC keys.
+// Secret keys are sensitive and not extractable. HMAC values shorter than 64
+// bytes are padded with zero bytes to 64 (the same HMAC for every digest
+// here), because some providers refuse HMAC keys shorter than the digest.
 int32_t qn_pkcs11_create_aesSessionKeyFromRaw(qn_pkcs11_session *session, const char *label,
                                               const char *application, const unsigned char *raw,
                                               uint32_t rawLength, qn_pkcs11_key *outKey);

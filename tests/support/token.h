@@ -14,6 +14,7 @@
 namespace mfatest {
 
 enum class TokenKind { SoftHsm, OpenCryptoki };
+void PrintTo(TokenKind kind, std::ostream *out);
 
 // The variables that name a token's provider library and its label.
 struct TokenService {
@@ -67,10 +68,7 @@ public:
 class TokenFixture {
 protected:
   void openToken(TokenKind kind);
-  void closeToken() {
-    token_.close();
-    leakScope_.reset();
-  }
+  void closeToken() { token_.close(); }
   qn_pkcs11_session *session() { return token_.session(); }
   TokenSession &token() { return token_; }
   // A label unique to this process and call, so that concurrent runs and
@@ -78,7 +76,7 @@ protected:
   static std::string uniqueLabel(std::string_view stem);
 
 private:
-  std::optional<ProviderLeakScope> leakScope_; // before token_: outlives it
+  std::optional<ProviderLeakScope> leakScope_; // outlives token_ and the test body
   TokenSession token_;
 };
 
