@@ -136,7 +136,7 @@ public:
   uint32_t size() const { return static_cast<uint32_t>(count_); }
 
 private:
-  std::array<CK_ATTRIBUTE, 16> attributes_{};
+  std::array<CK_ATTRIBUTE, 16> attributes_{}; // the largest template here has 13
   std::size_t count_ = 0;
 };
 
@@ -291,11 +291,6 @@ int32_t openSession(qn_pkcs11_token *token, qn_pkcs11_session *session, bool rea
   session->handle = handle;
   session->flags |= QN_PKCS11_SESSION_OPEN;
   return 0;
-}
-
-int32_t findKey(qn_pkcs11_session *session, CK_OBJECT_CLASS objectClass, CK_KEY_TYPE keyType,
-                const char *label, qn_pkcs11_key *outKey) {
-  return qn_pkcs11_find_KeyWithLabel(session, objectClass, keyType, label, outKey);
 }
 
 int32_t hmacWith(qn_pkcs11_session *session, const qn_pkcs11_key *key, uint32_t digest,
@@ -844,22 +839,22 @@ int32_t qn_pkcs11_find_KeyWithLabel(qn_pkcs11_session *session, CK_OBJECT_CLASS 
 
 int32_t qn_pkcs11_find_RSAPubWithLabel(qn_pkcs11_session *session, const char *label,
                                        qn_pkcs11_key *outKey) {
-  return findKey(session, CKO_PUBLIC_KEY, CKK_RSA, label, outKey);
+  return qn_pkcs11_find_KeyWithLabel(session, CKO_PUBLIC_KEY, CKK_RSA, label, outKey);
 }
 
 int32_t qn_pkcs11_find_RSAPrivWithLabel(qn_pkcs11_session *session, const char *label,
                                         qn_pkcs11_key *outKey) {
-  return findKey(session, CKO_PRIVATE_KEY, CKK_RSA, label, outKey);
+  return qn_pkcs11_find_KeyWithLabel(session, CKO_PRIVATE_KEY, CKK_RSA, label, outKey);
 }
 
 int32_t qn_pkcs11_find_AESWithLabel(qn_pkcs11_session *session, const char *label,
                                     qn_pkcs11_key *outKey) {
-  return findKey(session, CKO_SECRET_KEY, CKK_AES, label, outKey);
+  return qn_pkcs11_find_KeyWithLabel(session, CKO_SECRET_KEY, CKK_AES, label, outKey);
 }
 
 int32_t qn_pkcs11_find_genericSecretWithLabel(qn_pkcs11_session *session, const char *label,
                                               qn_pkcs11_key *outKey) {
-  return findKey(session, CKO_SECRET_KEY, CKK_GENERIC_SECRET, label, outKey);
+  return qn_pkcs11_find_KeyWithLabel(session, CKO_SECRET_KEY, CKK_GENERIC_SECRET, label, outKey);
 }
 
 // ---- HMAC ----

@@ -110,7 +110,9 @@ int32_t qn_pkcs11_env_refresh(qn_pkcs11_env *env);
 void qn_pkcs11_env_describe(const qn_pkcs11_env *env);
 
 // Finalises the provider (when initialised) and frees the environment.
-// Accepts null. Tokens and sessions of the environment become unusable.
+// Accepts null. Tokens and sessions of the environment become unusable, and
+// so do those of any other environment over the same provider library: the
+// provider's state is one per process.
 void qn_pkcs11_env_destroy(qn_pkcs11_env *env);
 
 // The first token, in slot order, whose label equals label (1 to 32
@@ -174,7 +176,9 @@ int32_t qn_pkcs11_gen_RSAKeyPair(qn_pkcs11_session *session, uint32_t modulusBit
                                  qn_pkcs11_key *outPrivateKey);
 
 // Key creation from raw bytes. label and application may be null unless
-// stated otherwise; each is stored with its string length.
+// stated otherwise; each is stored with its string length. Tokens commonly
+// refuse CKA_APPLICATION on keys (it belongs to data objects), so callers
+// normally pass no application.
 // Session objects (they vanish with the session):
 //   aesSessionKey: AES key of 16, 24 or 32 bytes, encrypt and decrypt.
 //   hmacSessionKey: generic-secret key, sign and verify.
@@ -243,10 +247,11 @@ int32_t qn_pkcs11_hmac_internal(qn_pkcs11_session *session, const qn_pkcs11_key 
 
 // AES-CBC with PKCS padding. The encrypted form is IV (16 bytes, fresh from
 // the token) followed by the ciphertext. *outLength is the capacity of out on
-// entry and the bytes written on success. Encrypting needs a capacity of at
-// least 16 + plaintextLength rounded up to the next multiple of 16 (a
-// smaller one gives 7770002 or the token's CKR_BUFFER_TOO_SMALL); an input to
-// decrypt shorter than 16 bytes gives CKR_ENCRYPTED_DATA_LEN_RANGE.
+// entry and the bytes written on success. Encrypting needs a capacity of 16
+// plus plaintextLength rounded up to the next whole block (a block more when
+// it is whole already), decrypting one of inputLength - 16; a smaller one
+// gives 7770002 before the token is used. An input to decrypt shorter than 16
+// bytes gives CKR_ENCRYPTED_DATA_LEN_RANGE.
 int32_t qn_pkcs11_encrypt_AESCBCPad(qn_pkcs11_session *session, const qn_pkcs11_key *key,
                                     const unsigned char *plaintext, uint32_t plaintextLength,
                                     unsigned char *out, uint32_t *outLength);

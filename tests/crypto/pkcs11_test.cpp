@@ -200,8 +200,6 @@ TEST_P(TokenTest, SessionsOpenOnceAndCloseOnce) {
   unsigned char byte;
   EXPECT_EQ(qn_pkcs11_getRandomBytes(&readOnly, nullptr, 0, &byte, 1),
             QN_PKCS11_RC_SESSION_NOT_OPEN);
-  EXPECT_EQ(qn_pkcs11_session_close(nullptr), QN_PKCS11_RC_MISSING_ARGUMENT);
-  EXPECT_EQ(qn_pkcs11_session_openReadOnly(nullptr, &readOnly), QN_PKCS11_RC_MISSING_ARGUMENT);
 }
 
 TEST_P(TokenTest, OpeningRecoversOnceFromAFinalisedProvider) {
@@ -250,8 +248,6 @@ TEST_P(TokenTest, RandomBytesUpTo4096) {
     ASSERT_EQ(rc, 0);
   }
   EXPECT_NE(std::memcmp(first.data(), second.data(), 4096), 0);
-  EXPECT_EQ(qn_pkcs11_getRandomBytes(session(), nullptr, 0, nullptr, 16),
-            QN_PKCS11_RC_MISSING_ARGUMENT);
 
   // Zero bytes make no call, so not even a closed session is noticed.
   qn_pkcs11_session closed{};
@@ -266,7 +262,6 @@ TEST_P(TokenTest, GeneratedAesKeyIsFoundByLabelAndStaysInside) {
   std::string label = uniqueLabel("aes");
   qn_pkcs11_key key{};
   ASSERT_EQ(qn_pkcs11_gen_AESCBCPadWithLabel(session(), 256, label.c_str(), 1, &key), 0);
-  token().destroyLater(key);
   EXPECT_EQ(key.env, token().env());
 
   qn_pkcs11_key found{};
@@ -287,12 +282,6 @@ TEST_P(TokenTest, GeneratedAesKeyIsFoundByLabelAndStaysInside) {
   EXPECT_EQ(out.rfind("C_GetAttributeValue #1 (getObjectValue) returned:  17 (0x11)", 0), 0u)
       << out;
   EXPECT_EQ(value, nullptr);
-
-  // A persistent key is visible from any other session of the token.
-  qn_pkcs11_session other{};
-  ASSERT_EQ(qn_pkcs11_session_openReadOnly(token().token(), &other), 0);
-  EXPECT_EQ(qn_pkcs11_find_AESWithLabel(&other, label.c_str(), &found), 0);
-  EXPECT_EQ(qn_pkcs11_session_close(&other), 0);
 
   ASSERT_EQ(qn_pkcs11_destroyObject(session(), &key), 0);
   EXPECT_EQ(qn_pkcs11_find_AESWithLabel(session(), label.c_str(), &found),
@@ -321,8 +310,6 @@ TEST_P(TokenTest, KeySizesAndArgumentsAreChecked) {
   qn_pkcs11_key key{};
   EXPECT_EQ(qn_pkcs11_gen_AESCBCPadWithLabel(session(), 255, "x", 1, &key), QN_PKCS11_RC_KEY_SIZE);
   EXPECT_EQ(qn_pkcs11_gen_AESCBCPadWithLabel(session(), 0, "x", 1, &key),
-            QN_PKCS11_RC_MISSING_ARGUMENT);
-  EXPECT_EQ(qn_pkcs11_gen_AESCBCPadWithLabel(session(), 256, nullptr, 1, &key),
             QN_PKCS11_RC_MISSING_ARGUMENT);
   EXPECT_EQ(qn_pkcs11_gen_GenericSecretHMACKeyWithLabel(session(), 65, "x", 0, &key),
             QN_PKCS11_RC_HMAC_KEY_TOO_LONG);
@@ -409,22 +396,6 @@ TEST_P(TokenTest, HmacOfShortKeysMatchesPublishedValues) {
   EXPECT_EQ(qn_pkcs11_hmac_SHA1(session(), &sessionKey, nullptr, 0, mac, &length),
             QN_PKCS11_RC_MISSING_ARGUMENT);
   ASSERT_EQ(qn_pkcs11_destroyObject(session(), &sessionKey), 0);
-}
-
-TEST_P(TokenTest, HmacWithAnUnusableKeyReturnsAndShowsTheTokenError) {
-  qn_pkcs11_key aes{};
-  ASSERT_EQ(
-      qn_pkcs11_gen_AESCBCPadWithLabel(session(), 128, uniqueLabel("notmac").c_str(), 1, &aes), 0);
-  token().destroyLater(aes);
-  unsigned char mac[20];
-  uint32_t length = sizeof mac;
-  int32_t rc = 0;
-  std::string out = captureStdout(
-      [&] { rc = qn_pkcs11_hmac_SHA1(session(), &aes, mac, sizeof mac, mac, &length); });
-  EXPECT_NE(rc, 0);
-  EXPECT_EQ(out.rfind("C_SignInit (HMAC) returned:  " + std::to_string(rc) + " (0x", 0), 0u) << out;
-  EXPECT_EQ(out.back(), '\n');
-  EXPECT_EQ(length, sizeof mac);
 }
 
 // ---- AES-CBC with padding ----

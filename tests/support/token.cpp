@@ -23,6 +23,10 @@ const TokenService &tokenService(TokenKind kind) {
   return kind == TokenKind::SoftHsm ? softHsm : openCryptoki;
 }
 
+void PrintTo(TokenKind kind, std::ostream *out) {
+  *out << tokenService(kind).name;
+}
+
 std::string TokenSession::open(const std::string &module, const std::string &label) {
   close();
   int32_t rc = qn_pkcs11_env_initModule(module.c_str(), &env_);

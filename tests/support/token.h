@@ -14,6 +14,7 @@
 namespace mfatest {
 
 enum class TokenKind { SoftHsm, OpenCryptoki };
+void PrintTo(TokenKind kind, std::ostream *out);
 
 // The variables that name a token's provider library and its label.
 struct TokenService {
