@@ -29,11 +29,6 @@ bool fitsWorkAreas(uint32_t saltLength, uint32_t hLen) {
   return saltLength <= QN_PBKDF2_WORK_AREA - 4 && hLen <= QN_PBKDF2_WORK_AREA;
 }
 
-template <typename T> void wipeAndFree(T *record) {
-  explicit_bzero(record, sizeof(T));
-  safeFree(reinterpret_cast<char *>(record), sizeof(T));
-}
-
 using Pbkdf2Context = std::unique_ptr<qn_pbkdf2_ctx, decltype(&qn_pbkdf2_ctx_destroy)>;
 
 // One derivation with the token HMAC-SHA1, keyed once: the password's key
@@ -80,7 +75,7 @@ int qn_pwhash_ctx_init(uint32_t iterationCount, uint32_t saltLength, uint32_t de
 
 void qn_pwhash_ctx_destroy(qn_pwhash_ctx *context) {
   if (context != nullptr)
-    wipeAndFree(context);
+    qncFree(context, sizeof(*context));
 }
 
 int qn_pwhash_protect(qn_pwhash_ctx *context, const char *password, uint32_t passwordLength,
@@ -164,7 +159,7 @@ int qn_pwhash_init_prf_context(void *pwhashContext, const unsigned char *passwor
   if (qn_pkcs11_create_hmacSessionKeyFromRaw(context->tokenSession, nullptr, nullptr, password,
                                              passwordLength == 0 ? 1 : passwordLength,
                                              &record->key) != 0) {
-    wipeAndFree(record);
+    qncFree(record, sizeof(*record));
     return 0;
   }
   *prfState = record;
@@ -187,7 +182,7 @@ void qn_pwhash_free_prf_context(void *prfState) {
   if (record == nullptr)
     return;
   qn_pkcs11_destroyObject(record->context->tokenSession, &record->key);
-  wipeAndFree(record);
+  qncFree(record, sizeof(*record));
 }
 
 int qn_pbkdf2_ctx_init(const unsigned char *password, uint32_t passwordLength,
@@ -336,12 +331,9 @@ int pbkdf2_compute_block(qn_pbkdf2_ctx *context, uint32_t blockIndex, void **prf
 void qn_pbkdf2_ctx_destroy(qn_pbkdf2_ctx *context) {
   if (context == nullptr)
     return;
-  if (context->derivedKeyBuffer != nullptr && context->derivedKeyBufferSize != 0) {
-    explicit_bzero(context->derivedKeyBuffer, context->derivedKeyBufferSize);
-    safeFree(reinterpret_cast<char *>(context->derivedKeyBuffer),
-             static_cast<int>(context->derivedKeyBufferSize));
-  }
-  wipeAndFree(context);
+  if (context->derivedKeyBuffer != nullptr && context->derivedKeyBufferSize != 0)
+    qncFree(context->derivedKeyBuffer, static_cast<int>(context->derivedKeyBufferSize));
+  qncFree(context, sizeof(*context));
 }
 
 } // extern "C"
