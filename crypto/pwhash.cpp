@@ -156,8 +156,14 @@ int qn_pwhash_init_prf_context(void *pwhashContext, const unsigned char *passwor
   if (record == nullptr)
     return 0;
   record->context = context;
+  // HMAC pads its key with zero bytes, so an empty password and a single zero
+  // byte give the same PRF; the token refuses an empty key value.
+  static constexpr unsigned char kEmptyKey[1] = {0};
+  if (passwordLength == 0)
+    password = kEmptyKey;
   if (qn_pkcs11_create_hmacSessionKeyFromRaw(context->tokenSession, nullptr, nullptr, password,
-                                             passwordLength, &record->key) != 0) {
+                                             passwordLength == 0 ? 1 : passwordLength,
+                                             &record->key) != 0) {
     wipeAndFree(record);
     return 0;
   }

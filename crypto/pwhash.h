@@ -14,6 +14,8 @@
 
 #include <stdint.h>
 
+#include "crypto/digest.h" // QN_RC_MISSING_ARGUMENT, QN_RC_ALLOC_FAILED
+
 #ifdef __cplusplus
 extern "C" {
 #endif

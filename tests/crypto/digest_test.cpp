@@ -111,16 +111,6 @@ TEST(Digest, OlderContextMatchesVectorsAcrossUpdates) {
   EXPECT_EQ(digestContextUpdate(&context, "a", 1), QN_DIGEST_CONTEXT_FAILED);
 }
 
-TEST(Base64, LengthFormulas) {
-  EXPECT_EQ(qn_base64_enclen(0), 1u);
-  EXPECT_EQ(qn_base64_enclen(1), 5u);
-  EXPECT_EQ(qn_base64_enclen(3), 5u);
-  EXPECT_EQ(qn_base64_enclen(4), 9u);
-  EXPECT_EQ(qn_base64_declen(3), 0u);
-  EXPECT_EQ(qn_base64_declen(4), 3u);
-  EXPECT_EQ(qn_base64_declen(7), 3u);
-}
-
 // Every length from 1 to 70 against OpenSSL's encoder, then back.
 TEST(Base64, RoundTripMatchesOpenSsl) {
   std::vector<unsigned char> input(70);
@@ -234,24 +224,6 @@ TEST(Base64, PemBody) {
   EXPECT_EQ(qn_base64_pemdecode("QUJD", 1, &out, &length), QN_RC_PEM_MARKERS);
   EXPECT_EQ(qn_base64_pemdecode("QUJD", 0, &out, &length), 0);
   EXPECT_EQ(out, nullptr);
-}
-
-TEST(QncLibc, DuplicateAndClock) {
-  char *copy = qncDuplicateString("token");
-  ASSERT_NE(copy, nullptr);
-  EXPECT_STREQ(copy, "token");
-  qncFree(copy, 6);
-  EXPECT_EQ(qncDuplicateString(nullptr), nullptr);
-  qncFree(nullptr, 10);
-
-  uint32_t seconds = 0;
-  uint32_t micros = 0;
-  uint64_t before = qnclibc_currentSecondsSinceJan1970();
-  EXPECT_EQ(qnclibc_currentSecondsAndMicrosSince1970(&seconds, &micros), 0);
-  EXPECT_GE(seconds, static_cast<uint32_t>(before));
-  EXPECT_LE(seconds, qnclibc_currentSecondsSinceJan1970());
-  EXPECT_LT(micros, 1000000u);
-  EXPECT_GT(before, 1600000000u);
 }
 
 } // namespace

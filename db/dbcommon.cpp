@@ -1,0 +1,253 @@
+#include "db/dbcommon.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "base/alloc.h"
+#include "base/logging.h"
+#include "db/dbcommon_internal.h"
+
+namespace mfadb {
+namespace {
+
+void logText(dbctx *context, int level, const char *text) {
+  tvklog(context ? context->logContext : nullptr, MFADB_COMPONENT_ID, level, "%s", text);
+}
+
+std::string formatText(const char *format, va_list args) {
+  va_list copy;
+  va_copy(copy, args);
+  int length = vsnprintf(nullptr, 0, format, copy);
+  va_end(copy);
+  if (length <= 0)
+    return {};
+  std::string text(static_cast<std::size_t>(length), '\0');
+  vsnprintf(text.data(), text.size() + 1, format, args);
+  return text;
+}
+
+// Server notices (for example a ROLLBACK outside a transaction) would go to
+// standard error by default; they belong in the log.
+void noticeToLog(void *context, const char *message) {
+  logText(static_cast<dbctx *>(context), kNoticeLevel, message);
+}
+
+} // namespace
+
+Escaped::Escaped(PGconn *connection, const char *source) {
+  quotedDuplicateString(connection, source, &text_, &size_);
+}
+
+Escaped::~Escaped() {
+  safeFree(text_, size_);
+}
+
+int Session::connect() {
+  if (context_ == nullptr || context_->connectionString == nullptr)
+    return QN_DB_BAD_PARAMETERS;
+  connection_.reset(PQconnectdb(context_->connectionString));
+  if (PQstatus(connection()) != CONNECTION_OK) {
+    // libpq's message brings its own line end; the log line adds one more.
+    report(reporter_ == Reporter::Log ? "Connection to database failed: %s\n"
+                                      : "Connection to database failed: %s",
+           PQerrorMessage(connection()));
+    return QN_DB_CONNECT_FAILED;
+  }
+  PQsetNoticeProcessor(connection(), noticeToLog, context_);
+  return 0;
+}
+
+void Session::report(const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  if (reporter_ == Reporter::Stdout) {
+    vprintf(format, args);
+    fflush(stdout);
+  } else {
+    logText(context_, MFADB_ERROR_LEVEL, formatText(format, args).c_str());
+  }
+  va_end(args);
+}
+
+int Session::check(Expect expect, const Failure &failure) {
+  ExecStatusType status = PQresultStatus(result());
+  bool ok = (status == PGRES_TUPLES_OK && expect != Expect::Command) ||
+            (status == PGRES_COMMAND_OK && expect != Expect::Tuples);
+  if (ok)
+    return 0;
+  report(failure.format, failure.reason == Reason::Connection ? PQerrorMessage(connection())
+                                                              : PQresultErrorMessage(result()));
+  return failure.status;
+}
+
+int Session::exec(const char *sql, Expect expect, const Failure &failure) {
+  result_.reset(PQexec(connection(), sql));
+  return check(expect, failure);
+}
+
+int Session::execParams(const char *sql, Expect expect, const Failure &failure,
+                        std::initializer_list<const char *> params) {
+  std::vector<const char *> values(params);
+  result_.reset(PQexecParams(connection(), sql, static_cast<int>(values.size()), nullptr,
+                             values.data(), nullptr, nullptr, 0));
+  return check(expect, failure);
+}
+
+void Session::control(const char *sql) {
+  result_.reset(PQexec(connection(), sql));
+}
+
+int Session::integer(int row, int column) const {
+  return atoi(text(row, column));
+}
+
+bool Session::copyTo(char **field, int row, int column) const {
+  *field = isNull(row, column) ? nullptr : duplicateString(text(row, column));
+  return *field != nullptr || isNull(row, column);
+}
+
+int formatStatement(Session &session, char *buffer, std::size_t size, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  int length = vsnprintf(buffer, size, format, args);
+  va_end(args);
+  if (length < 0 || static_cast<std::size_t>(length) >= size) {
+    explicit_bzero(buffer, size);
+    session.report("statement too long: %d bytes do not fit a buffer of %zu\n", length, size);
+    return QN_DB_BAD_PARAMETERS;
+  }
+  return 0;
+}
+
+} // namespace mfadb
+
+using mfadb::destroyArray;
+
+extern "C" {
+
+void quotedDuplicateString(PGconn *connection, const char *source, char **escaped, int *size) {
+  if (escaped == nullptr || size == nullptr)
+    return;
+  *escaped = nullptr;
+  *size = 0;
+  if (source == nullptr)
+    return;
+  int length = 2 * static_cast<int>(strlen(source)) + 1;
+  char *copy = safeMalloc(length, "quotedDup");
+  if (copy == nullptr)
+    return;
+  int error = 0;
+  PQescapeStringConn(connection, copy, source, strlen(source), &error);
+  if (error != 0) {
+    safeFree(copy, length);
+    return;
+  }
+  *escaped = copy;
+  *size = length;
+}
+
+void destroyMFAAdminFactorData(MFAAdminFactorData *factor) {
+  if (factor == nullptr)
+    return;
+  freeString(factor->factorname);
+  freeString(factor->factornote);
+  freeString(factor->factortags);
+  safeFree(reinterpret_cast<char *>(factor), sizeof *factor);
+}
+
+void qn_db_destroyAdminFactorDef(MFAAdminFactorData *factor) {
+  destroyMFAAdminFactorData(factor);
+}
+
+void destroyFactorData(MFAAdminFactorData *factor) {
+  if (factor == nullptr)
+    return;
+  freeString(factor->factorname);
+  // These two are released without their terminator byte, unlike the twin.
+  for (char *text : {factor->factornote, factor->factortags})
+    if (text != nullptr)
+      safeFree(text, static_cast<int>(strlen(text)));
+  safeFree(reinterpret_cast<char *>(factor), sizeof *factor);
+}
+
+void destroyMFAAdminPolicyData(MFAAdminPolicyData *policy) {
+  if (policy == nullptr)
+    return;
+  freeString(policy->policyname);
+  freeString(policy->policynote);
+  destroyArray(policy->factors, policy->numFactors, destroyFactorData);
+  safeFree(reinterpret_cast<char *>(policy), sizeof *policy);
+}
+
+void destroyUserPolicyData(userPolicyData *policy) {
+  if (policy == nullptr)
+    return;
+  freeString(policy->policyname);
+  freeString(policy->policynote);
+  destroyArray(policy->factorNames, policy->numFactors, freeString);
+  destroyArray(policy->factorNotes, policy->numFactors, freeString);
+  safeFree(reinterpret_cast<char *>(policy), sizeof *policy);
+}
+
+void destroyAdminData(adminData *admin) {
+  if (admin == nullptr)
+    return;
+  freeString(admin->unixuid);
+  freeString(admin->name);
+  safeFree(reinterpret_cast<char *>(admin), sizeof *admin);
+}
+
+void destroyClientData(clientData *client) {
+  if (client == nullptr)
+    return;
+  freeString(client->ClientId);
+  freeString(client->ClientSecret);
+  freeString(client->ClientDescription);
+  safeFree(reinterpret_cast<char *>(client), sizeof *client);
+}
+
+void destroyClientUserProfile(clientUserProfile *profile) {
+  if (profile == nullptr)
+    return;
+  freeString(profile->remoteuserid);
+  safeFree(reinterpret_cast<char *>(profile), sizeof *profile);
+}
+
+void destroyOrlinClientUserData(orlinClientUserData *connection) {
+  if (connection == nullptr)
+    return;
+  freeString(connection->name);
+  destroyArray(connection->profiles, connection->numProfiles, destroyClientUserProfile);
+  safeFree(reinterpret_cast<char *>(connection), sizeof *connection);
+}
+
+void destroyClientUserData(orlinClientUserData *connection) {
+  destroyOrlinClientUserData(connection);
+}
+
+void destroyOrlinClientData(orlinClientData *client) {
+  if (client == nullptr)
+    return;
+  freeString(client->ClientHostname);
+  freeString(client->ClientDescription);
+  destroyArray(client->users, client->numUsers, destroyOrlinClientUserData);
+  safeFree(reinterpret_cast<char *>(client), sizeof *client);
+}
+
+void destroyUserData(userData *user) {
+  if (user == nullptr)
+    return;
+  freeString(user->unixuid);
+  freeString(user->name);
+  destroyArray(user->policies, user->numPolicies, destroyMFAAdminPolicyData);
+  destroyArray(user->policyNames, user->numPolicies, freeString);
+  destroyArray(user->factors, user->numFactors, destroyMFAAdminFactorData);
+  destroyArray(user->orlinClients, user->numOrlinClients, destroyOrlinClientUserData);
+  safeFree(reinterpret_cast<char *>(user), sizeof *user);
+}
+
+} // extern "C"
