@@ -49,7 +49,7 @@ protected:
 
   static std::string take(int32_t rc, char *code) {
     if (rc != 0)
-      return "[" + std::to_string(rc) + (code == nullptr ? "]" : " with a code]");
+      return std::string("[").append(std::to_string(rc)).append(code ? " with a code]" : "]");
     std::string text = code;
     qncFree(code, QN_OTP_CODE_SIZE);
     return text;
