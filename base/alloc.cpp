@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -74,9 +75,7 @@ char *copyWithTerminator(char *target, const char *bytes, int length) {
 extern "C" {
 
 int mallocSetTraceLevel(int level) {
-  int previous = mallocTraceLevel;
-  mallocTraceLevel = level;
-  return previous;
+  return std::exchange(mallocTraceLevel, level);
 }
 
 char *safeMalloc(int size, const char *label) {

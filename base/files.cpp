@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -74,14 +75,21 @@ void releaseRecord(UnixFile *file) {
   safeFree31(reinterpret_cast<char *>(file), sizeof(UnixFile));
 }
 
+// Finishes a close whose system call gave result: the record is released
+// either way and the codes tell the outcome. A null record closes trivially.
+int closeRecord(UnixFile *file, int result, int *returnCode, int *reasonCode) {
+  int error = errno;
+  if (file != nullptr)
+    releaseRecord(file);
+  return reportResult(result, error, returnCode, reasonCode);
+}
+
 } // namespace
 
 extern "C" {
 
 int setFileTrace(int level) {
-  int previous = traceLevel;
-  traceLevel = level;
-  return previous;
+  return std::exchange(traceLevel, level);
 }
 
 UnixFile *fileOpen(const char *path, int openFlags, int creationMode, int bufferSize,
@@ -186,14 +194,7 @@ int fileEOF(const UnixFile *file) {
 }
 
 int fileClose(UnixFile *file, int *returnCode, int *reasonCode) {
-  if (file == nullptr) {
-    setCodes(returnCode, reasonCode, 0);
-    return 0;
-  }
-  int result = close(file->fd);
-  int error = errno;
-  releaseRecord(file);
-  return reportResult(result, error, returnCode, reasonCode);
+  return closeRecord(file, file != nullptr ? close(file->fd) : 0, returnCode, reasonCode);
 }
 
 int fileInfo(const char *path, FileInfo *info, int *returnCode, int *reasonCode) {
@@ -308,14 +309,8 @@ int directoryRead(UnixFile *directory, char *buffer, int bufferSize, int *return
 }
 
 int directoryClose(UnixFile *directory, int *returnCode, int *reasonCode) {
-  if (directory == nullptr) {
-    setCodes(returnCode, reasonCode, 0);
-    return 0;
-  }
-  int result = closedir(directory->dir);
-  int error = errno;
-  releaseRecord(directory);
-  return reportResult(result, error, returnCode, reasonCode);
+  return closeRecord(directory, directory != nullptr ? closedir(directory->dir) : 0, returnCode,
+                     reasonCode);
 }
 
 int setUmask(int mask) {

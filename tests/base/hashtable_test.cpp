@@ -59,7 +59,6 @@ TEST_F(HashTableTest, BackboneIsOddAndNodeBlocksFollowItsSize) {
     ASSERT_NE(t, nullptr);
     EXPECT_EQ(t->backboneSize, c.backbone) << c.requested;
     EXPECT_EQ(t->nodes->objectsPerBlock, static_cast<uint32_t>(c.nodes)) << c.requested;
-    EXPECT_EQ(t->nodes->objectSize, sizeof(hashentry));
     htDestroy(t);
   }
 }
@@ -81,9 +80,9 @@ TEST_F(HashTableTest, KeysSharingABucketAreFoundInEitherOrder) {
 }
 
 TEST_F(HashTableTest, StringKeysWithEqualHashesStayApart) {
-  char aa[] = "Aa", bq[] = "BQ";
-  ASSERT_EQ(stringHash(aa), 65 * 16 + 97);
+  char aa[] = "Aa", bq[] = "BQ", high[] = "\xff";
   ASSERT_EQ(stringHash(aa), stringHash(bq));
+  EXPECT_EQ(stringHash(high), 0x7FFFFFFF); // a signed byte, the top bit cleared
   table = htCreate(31, stringHash, stringCompare, nullptr, nullptr);
   htPut(table, aa, word(1));
   htPut(table, bq, word(2));
@@ -93,13 +92,6 @@ TEST_F(HashTableTest, StringKeysWithEqualHashesStayApart) {
   EXPECT_EQ(htRemove(table, lookup), 1);
   EXPECT_EQ(htRemove(table, lookup), 0);
   EXPECT_EQ(fromWord(htGet(table, bq)), 2u);
-}
-
-TEST(StringHash, BytesAreSignedAndTheTopBitIsCleared) {
-  char high[] = "\xff";
-  EXPECT_EQ(stringHash(high), 0x7FFFFFFF);
-  char longText[] = "abcdefghijklmnop";
-  EXPECT_GE(stringHash(longText), 0);
 }
 
 TEST_F(HashTableTest, ReplacingReclaimsTheOldPairUnlessTheHookKeepsIt) {
@@ -170,23 +162,15 @@ TEST_F(HashTableTest, PruneRemovesWhatThePredicateSelects) {
   auto all = [](void *, void *, void *) { return 1; };
   EXPECT_EQ(htPrune(table, all, nullptr, nullptr), 10);
   EXPECT_EQ(htCount(table), 0);
-
-  uintptr_t sum = 0;
-  htMap2(
-      table, [](void *data, void *, void *) { ++*static_cast<uintptr_t *>(data); }, &sum);
-  EXPECT_EQ(sum, 0u);
 }
 
 TEST_F(HashTableTest, NodesComeFromThePoolAndAreRecycled) {
   table = htCreate(10, nullptr, nullptr, nullptr, nullptr); // blocks of 5 nodes
   fixedBlockMgr *pool = table->nodes;
-  EXPECT_EQ(blockCount(pool), 0);
   for (uint32_t key = 0; key < 5; key++) {
     htUIntPut(table, key, word(key));
   }
   EXPECT_EQ(blockCount(pool), 1);
-  EXPECT_EQ(pool->remaining, 0u);
-
   htUIntPut(table, 5, word(5));
   EXPECT_EQ(blockCount(pool), 2);
   EXPECT_EQ(pool->remaining, 4u);
@@ -213,8 +197,7 @@ TEST(FreeBlockManager, CarvesAlignedObjectsAndComplainsAboutNull) {
   ASSERT_NE(manager, nullptr);
   EXPECT_EQ(manager->objectSize, 16u);
   char *first = static_cast<char *>(fbMgrAlloc(manager));
-  char *second = static_cast<char *>(fbMgrAlloc(manager));
-  EXPECT_EQ(second - first, 16);
+  EXPECT_EQ(static_cast<char *>(fbMgrAlloc(manager)) - first, 16);
   EXPECT_EQ(reinterpret_cast<uintptr_t>(first) % 8, 0u);
   fbMgrDestroy(manager);
   fbMgrDestroy(nullptr);

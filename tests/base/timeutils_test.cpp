@@ -11,10 +11,17 @@
 
 namespace {
 
+using namespace std::string_literals;
+
 constexpr uint64_t kUnitsPerSecond = 1000000ULL * TOD_UNITS_PER_MICROSECOND;
 
 // 2024-02-29 13:05:09 UTC
 constexpr time_t kLeapDay = 1709211909;
+
+uint64_t todOf(time_t seconds, long micros) {
+  struct timeval time = {seconds, micros};
+  return stckFromTimeval(&time);
+}
 
 // Runs each test under a fixed zone and restores the caller's afterwards.
 class TimeUtilsTest : public testing::Test {
@@ -37,10 +44,6 @@ protected:
     setenv("TZ", tz, 1);
     tzset();
     timeZoneReset();
-  }
-  static uint64_t todOf(time_t seconds, long micros) {
-    struct timeval time = {seconds, micros};
-    return stckFromTimeval(&time);
   }
   std::string saved;
   bool hadTz = false;
@@ -131,23 +134,14 @@ TEST_F(TimeUtilsTest, ZoneOffsetIsAppliedInItsDirection) {
 }
 
 TEST_F(TimeUtilsTest, DayOfYearFollowsTheEveryFourthYearRule) {
-  unsigned char dm[2];
-  EXPECT_EQ(getDayAndMonth(dm, 60, 2024), 0);
-  EXPECT_EQ(dm[0], 29);
-  EXPECT_EQ(dm[1], 2);
-  EXPECT_EQ(getDayAndMonth(dm, 60, 2023), 0);
-  EXPECT_EQ(dm[0], 1);
-  EXPECT_EQ(dm[1], 3);
-  EXPECT_EQ(getDayAndMonth(dm, 366, 2024), 0);
-  EXPECT_EQ(dm[0], 31);
-  EXPECT_EQ(dm[1], 12);
-  EXPECT_EQ(getDayAndMonth(dm, 60, 2100), 0); // no century rule
-  EXPECT_EQ(dm[0], 29);
-  for (int day : {366, 0}) {
-    dm[0] = dm[1] = 9;
-    EXPECT_EQ(getDayAndMonth(dm, day, 2023), -1);
-    EXPECT_EQ(dm[0], 0);
-    EXPECT_EQ(dm[1], 0);
+  // {day of year, year, result, day, month}; 2100 has no century rule.
+  const int cases[][5] = {{60, 2024, 0, 29, 2}, {60, 2023, 0, 1, 3},   {366, 2024, 0, 31, 12},
+                          {60, 2100, 0, 29, 2}, {366, 2023, -1, 0, 0}, {0, 2023, -1, 0, 0}};
+  for (const auto &c : cases) {
+    unsigned char dm[2] = {9, 9};
+    EXPECT_EQ(getDayAndMonth(dm, c[0], c[1]), c[2]) << c[0] << " " << c[1];
+    EXPECT_EQ(dm[0], c[3]) << c[0] << " " << c[1];
+    EXPECT_EQ(dm[1], c[4]) << c[0] << " " << c[1];
   }
 }
 
@@ -170,10 +164,7 @@ TEST_F(TimeUtilsTest, TextForms) {
 TEST_F(TimeUtilsTest, PackedDecimalKeepsTheLowDigits) {
   unsigned char buffer[4] = {};
   writePackedDecimal(buffer, 1, 100000, 1234567);
-  EXPECT_EQ(buffer[0], 0x00);
-  EXPECT_EQ(buffer[1], 0x23);
-  EXPECT_EQ(buffer[2], 0x45);
-  EXPECT_EQ(buffer[3], 0x67);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(buffer), 4), "\x00\x23\x45\x67"s);
   EXPECT_EQ(extractFromPackedDecimal(buffer, 1, 100000), 234567u);
   writePackedDecimal(buffer, 0, 10, 7);
   EXPECT_EQ(buffer[0], 0x07);
