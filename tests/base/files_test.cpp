@@ -205,15 +205,6 @@ TEST_F(FilesTest, TraceLevelGatesMessages) {
   setFileTrace(2);
   EXPECT_EQ(mfatest::captureStdout([&] { directoryDelete(sub.c_str(), &rc, &rsn); }),
             "directoryDelete(" + sub + ") succeeded.\n");
-
-  writeFile("r", "xy");
-  setFileTrace(3);
-  UnixFile *file = fileOpen(path("r").c_str(), O_RDONLY, 0, 0, &rc, &rsn);
-  ASSERT_NE(file, nullptr);
-  char buffer[4];
-  EXPECT_EQ(mfatest::captureStdout([&] { fileRead(file, buffer, 4, &rc, &rsn); }),
-            "read for " + path("r") + ", fd " + std::to_string(file->fd) + ", returned 2 bytes\n");
-  fileClose(file, &rc, &rsn);
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "base/alloc.h"
 
 #include "support/env.h"
+#include "support/jsontree.h"
 
 #include <cstring>
 #include <fcntl.h>
@@ -11,18 +12,12 @@
 
 namespace {
 
-// Collects everything a custom printer writes.
-int collect(jsonPrinter *printer, const char *bytes, int length) {
-  static_cast<std::string *>(printer->sinkData)->append(bytes, static_cast<size_t>(length));
-  return length;
-}
-
 struct Printer {
   std::string out;
   jsonPrinter *printer;
   explicit Printer(bool utf8 = false, int codePage = 1208, bool pretty = false)
-      : printer(utf8 ? makeCustomUtf8JsonPrinter(collect, &out, codePage)
-                     : makeCustomJsonPrinter(collect, &out)) {
+      : printer(utf8 ? makeCustomUtf8JsonPrinter(mfatest::appendToString, &out, codePage)
+                     : makeCustomJsonPrinter(mfatest::appendToString, &out)) {
     if (pretty)
       jsonEnablePrettyPrint(printer);
   }
@@ -254,31 +249,6 @@ TEST(JsonPrinter, WriteErrorLatches) {
   EXPECT_EQ(err, "");
   freeJsonPrinter(p);
   close(fd);
-}
-
-// A sink with room for 8 bytes that reports overflow the way the buffer sink
-// does: by latching the printer's error flag.
-int eightByteSink(jsonPrinter *printer, const char *bytes, int length) {
-  auto *out = static_cast<std::string *>(printer->sinkData);
-  if (out->size() + static_cast<size_t>(length) > 8) {
-    jsonSetIOErrorFlag(printer);
-    out->append("|refused");
-    return -1;
-  }
-  out->append(bytes, static_cast<size_t>(length));
-  return length;
-}
-
-TEST(JsonPrinter, FailingSinkStopsAllLaterCalls) {
-  std::string out;
-  jsonPrinter *p = makeCustomJsonPrinter(eightByteSink, &out);
-  jsonStart(p);
-  jsonAddString(p, "key", "value");
-  jsonAddInt(p, "a", 1);
-  jsonEnd(p);
-  EXPECT_EQ(out, "{\"key\":\"|refused");
-  EXPECT_EQ(jsonCheckIOErrorFlag(p), 1);
-  freeJsonPrinter(p);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <regex>
 #include <string>
 
@@ -27,16 +28,14 @@ uint64_t todOf(time_t seconds, long micros) {
 class TimeUtilsTest : public testing::Test {
 protected:
   void SetUp() override {
-    const char *tz = getenv("TZ");
-    saved = tz != nullptr ? tz : "";
-    hadTz = tz != nullptr;
+    if (const char *tz = getenv("TZ"))
+      saved = tz;
   }
   void TearDown() override {
-    if (hadTz) {
-      setenv("TZ", saved.c_str(), 1);
-    } else {
+    if (saved)
+      setenv("TZ", saved->c_str(), 1);
+    else
       unsetenv("TZ");
-    }
     tzset();
     timeZoneReset();
   }
@@ -45,8 +44,7 @@ protected:
     tzset();
     timeZoneReset();
   }
-  std::string saved;
-  bool hadTz = false;
+  std::optional<std::string> saved;
 };
 
 TEST_F(TimeUtilsTest, TodValuesConvertBothWays) {
