@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -37,6 +38,9 @@ protected:
     EXPECT_EQ(rc, 0);
   }
 
+  // A call's result with the return code it left, for one-line checks.
+  std::pair<int, int> outcome(int result) const { return {result, rc}; }
+
   std::string dir;
   int rc = -7;
   int rsn = -7;
@@ -63,8 +67,7 @@ TEST_F(FilesTest, UnbufferedFileReadsButHasNoCharacterStream) {
   writeFile("data", "hello");
   UnixFile *file = fileOpen(path("data").c_str(), O_RDONLY, 0, 0, &rc, &rsn);
   ASSERT_NE(file, nullptr);
-  EXPECT_EQ(fileGetChar(file, &rc, &rsn), -1);
-  EXPECT_EQ(rc, FILE_RC_NO_BUFFER);
+  EXPECT_EQ(outcome(fileGetChar(file, &rc, &rsn)), std::pair(-1, FILE_RC_NO_BUFFER));
   EXPECT_EQ(rsn, FILE_RSN_NO_BUFFER);
 
   char buffer[16] = {};
@@ -88,19 +91,14 @@ TEST_F(FilesTest, FailuresReportTheErrorNumber) {
   // A directory opened for reading fails on the first read, which also ends it.
   UnixFile *file = fileOpen(dir.c_str(), O_RDONLY, 0, 64, &rc, &rsn);
   ASSERT_NE(file, nullptr);
-  EXPECT_EQ(fileGetChar(file, &rc, &rsn), -1);
-  EXPECT_EQ(rc, EISDIR);
+  EXPECT_EQ(outcome(fileGetChar(file, &rc, &rsn)), std::pair(-1, EISDIR));
   EXPECT_EQ(fileEOF(file), 1);
   char byte;
-  EXPECT_EQ(fileRead(file, &byte, 1, &rc, &rsn), -1);
-  EXPECT_EQ(rc, EISDIR);
-  EXPECT_EQ(fileWrite(file, "x", 1, &rc, &rsn), -1);
-  EXPECT_EQ(rc, EBADF);
-  EXPECT_EQ(fileClose(file, &rc, &rsn), 0);
-
+  EXPECT_EQ(outcome(fileRead(file, &byte, 1, &rc, &rsn)), std::pair(-1, EISDIR));
+  EXPECT_EQ(outcome(fileWrite(file, "x", 1, &rc, &rsn)), std::pair(-1, EBADF));
+  EXPECT_EQ(outcome(fileClose(file, &rc, &rsn)), std::pair(0, 0));
   EXPECT_EQ(fileClose(nullptr, &rc, &rsn), 0);
-  EXPECT_EQ(fileGetChar(nullptr, &rc, &rsn), -1);
-  EXPECT_EQ(rc, EBADF);
+  EXPECT_EQ(outcome(fileGetChar(nullptr, &rc, &rsn)), std::pair(-1, EBADF));
 }
 
 TEST_F(FilesTest, InfoAndAccess) {
@@ -121,11 +119,9 @@ TEST_F(FilesTest, InfoAndAccess) {
 
   EXPECT_EQ(fileAccess(path("f").c_str(), 4 | 2, &rc, &rsn), 0);
   // No execute bit at all: refused even to the superuser.
-  EXPECT_EQ(fileAccess(path("f").c_str(), 1, &rc, &rsn), -1);
-  EXPECT_EQ(rc, EACCES);
+  EXPECT_EQ(outcome(fileAccess(path("f").c_str(), 1, &rc, &rsn)), std::pair(-1, EACCES));
   EXPECT_EQ(rsn, 0);
-  EXPECT_EQ(fileAccess(path("nothing").c_str(), 8, &rc, &rsn), -1);
-  EXPECT_EQ(rc, ENOENT);
+  EXPECT_EQ(outcome(fileAccess(path("nothing").c_str(), 8, &rc, &rsn)), std::pair(-1, ENOENT));
 
   // Learning the mask leaves it as it was.
   setUmask(027);
@@ -151,10 +147,8 @@ std::set<std::string> listDirectory(UnixFile *directory, int bufferSize, int &rc
 
 TEST_F(FilesTest, DirectoriesAreMadeListedAndDeleted) {
   std::string sub = path("sub");
-  EXPECT_EQ(directoryMake(sub.c_str(), 0700, &rc, &rsn), 0);
-  EXPECT_EQ(rc, 0);
-  EXPECT_EQ(directoryMake(sub.c_str(), 0700, &rc, &rsn), -1);
-  EXPECT_EQ(rc, EEXIST);
+  EXPECT_EQ(outcome(directoryMake(sub.c_str(), 0700, &rc, &rsn)), std::pair(0, 0));
+  EXPECT_EQ(outcome(directoryMake(sub.c_str(), 0700, &rc, &rsn)), std::pair(-1, EEXIST));
   writeFile("sub/abcd", "");
 
   UnixFile *directory = directoryOpen(sub.c_str(), &rc, &rsn);
@@ -173,8 +167,7 @@ TEST_F(FilesTest, DirectoriesAreMadeListedAndDeleted) {
   EXPECT_EQ(directoryRead(directory, buffer, sizeof buffer, &rc, &rsn), 0);
   directoryClose(directory, &rc, &rsn);
 
-  EXPECT_EQ(directoryDelete(sub.c_str(), &rc, &rsn), -1);
-  EXPECT_EQ(rc, ENOTEMPTY);
+  EXPECT_EQ(outcome(directoryDelete(sub.c_str(), &rc, &rsn)), std::pair(-1, ENOTEMPTY));
   unlink(path("sub/abcd").c_str());
 
   // Names of 200 bytes are refused however large the buffer.
