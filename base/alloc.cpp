@@ -156,7 +156,7 @@ char *noisyMalloc(int size) {
 }
 
 ListElt *cons(char *data, ListElt *next, uint32_t size) {
-  ListElt *element = reinterpret_cast<ListElt *>(safeMalloc(sizeof(ListElt), "ListElt"));
+  ListElt *element = safeMallocRecord<ListElt>("ListElt");
   if (element == nullptr)
     return nullptr;
   memcpy(element->eyecatcher, "LSTE", 4);
@@ -167,8 +167,7 @@ ListElt *cons(char *data, ListElt *next, uint32_t size) {
 }
 
 ShortLivedHeap *makeShortLivedHeapInternal(int blockSize, int maxBlocks, int) {
-  ShortLivedHeap *slh =
-      reinterpret_cast<ShortLivedHeap *>(safeMalloc(sizeof(ShortLivedHeap), "ShortLivedHeap"));
+  ShortLivedHeap *slh = safeMallocRecord<ShortLivedHeap>("ShortLivedHeap");
   if (slh == nullptr)
     return nullptr;
   memcpy(slh->eyecatcher, "SLH SLH ", 8);
@@ -275,10 +274,10 @@ void SLHFree(ShortLivedHeap *slh) {
   while (element != nullptr) {
     ListElt *next = element->next;
     safeFree31(element->data, static_cast<int>(element->size));
-    safeFree(reinterpret_cast<char *>(element), sizeof(ListElt));
+    safeFreeRecord(element);
     element = next;
   }
-  safeFree(reinterpret_cast<char *>(slh), sizeof(ShortLivedHeap));
+  safeFreeRecord(slh);
 }
 
 char *duplicateString(const char *text) {

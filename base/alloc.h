@@ -126,6 +126,15 @@ char *stringListPrint(StringList *list, int skip, int maximum, const char *separ
 
 #ifdef __cplusplus
 }
+
+// For C++ callers: one zero-filled T from safeMalloc (null when memory is
+// short), and its release through safeFree, which wipes it first.
+template <typename T> T *safeMallocRecord(const char *label) {
+  return reinterpret_cast<T *>(safeMalloc(static_cast<int>(sizeof(T)), label));
+}
+template <typename T> void safeFreeRecord(T *record) {
+  safeFree(reinterpret_cast<char *>(record), static_cast<int>(sizeof(T)));
+}
 #endif
 
 #endif

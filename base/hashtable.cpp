@@ -36,8 +36,7 @@ extern "C" fixedBlockMgr *fbMgrCreate(int objectSize, int objectsPerBlock, void 
   if (size * objectsPerBlock + kBlockLinkSize > INT_MAX) {
     return nullptr;
   }
-  auto *manager = reinterpret_cast<fixedBlockMgr *>(
-      safeMalloc(static_cast<int>(sizeof(fixedBlockMgr)), "FixedBlockManager"));
+  auto *manager = safeMallocRecord<fixedBlockMgr>("FixedBlockManager");
   if (manager == nullptr) {
     return nullptr;
   }
@@ -91,7 +90,7 @@ extern "C" void fbMgrDestroy(fixedBlockMgr *manager) {
     safeFree(block, size);
     block = previous;
   }
-  safeFree(reinterpret_cast<char *>(manager), static_cast<int>(sizeof(fixedBlockMgr)));
+  safeFreeRecord(manager);
 }
 
 namespace {

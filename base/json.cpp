@@ -88,7 +88,7 @@ int streamIsEOF(CharStream *stream) {
 }
 
 void bufferClose(CharStream *stream) {
-  safeFree(reinterpret_cast<char *>(stream), sizeof(CharStream));
+  safeFreeRecord(stream);
 }
 
 int fileStreamGetChar(CharStream *stream) {
@@ -103,12 +103,12 @@ int fileStreamGetChar(CharStream *stream) {
 void fileStreamClose(CharStream *stream) {
   int returnCode = 0, reasonCode = 0;
   fileClose(static_cast<UnixFile *>(stream->source), &returnCode, &reasonCode);
-  safeFree(reinterpret_cast<char *>(stream), sizeof(CharStream));
+  safeFreeRecord(stream);
 }
 
 CharStream *makeStream(void *source, int length, const char *label, int (*getChar)(CharStream *),
                        void (*close)(CharStream *)) {
-  auto *stream = reinterpret_cast<CharStream *>(safeMalloc(sizeof(CharStream), label));
+  auto *stream = safeMallocRecord<CharStream>(label);
   if (stream == nullptr)
     return nullptr;
   stream->source = source;
@@ -567,14 +567,13 @@ Json *parseValue(JsonParser *parser) {
 // ---- Parser construction and the entry points ----------------------------
 
 JsonParser *makeParserOver(ShortLivedHeap *slh, CharStream *stream) {
-  auto *parser = reinterpret_cast<JsonParser *>(safeMalloc(sizeof(JsonParser), "JSON Parser"));
-  auto *tokenizer =
-      reinterpret_cast<JsonTokenizer *>(safeMalloc(sizeof(JsonTokenizer), "JSON Tokenizer"));
+  auto *parser = safeMallocRecord<JsonParser>("JSON Parser");
+  auto *tokenizer = safeMallocRecord<JsonTokenizer>("JSON Tokenizer");
   char *buffer = safeMalloc(kFirstTokenBufferSize, "JSON token buffer");
   if (parser == nullptr || tokenizer == nullptr || buffer == nullptr) {
     safeFree(buffer, kFirstTokenBufferSize);
-    safeFree(reinterpret_cast<char *>(tokenizer), sizeof(JsonTokenizer));
-    safeFree(reinterpret_cast<char *>(parser), sizeof(JsonParser));
+    safeFreeRecord(tokenizer);
+    safeFreeRecord(parser);
     stream->close(stream);
     return nullptr;
   }
@@ -734,8 +733,8 @@ void freeJsonParser(JsonParser *parser) {
   parser->stream->close(parser->stream);
   JsonTokenizer *tokenizer = parser->tokenizer;
   safeFree(tokenizer->buffer, tokenizer->bufferSize);
-  safeFree(reinterpret_cast<char *>(tokenizer), sizeof(JsonTokenizer));
-  safeFree(reinterpret_cast<char *>(parser), sizeof(JsonParser));
+  safeFreeRecord(tokenizer);
+  safeFreeRecord(parser);
 }
 
 JsonToken *jsonNextToken(JsonParser *parser) {

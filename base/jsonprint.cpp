@@ -124,7 +124,7 @@ bool growJsonBuffer(JsonBuffer *buffer, int needed) {
 
 jsonPrinter *newPrinter(const char *label, int fd, JsonSink *sink, void *sinkData, int mode,
                         int codePage) {
-  auto *printer = reinterpret_cast<jsonPrinter *>(safeMalloc(sizeof(jsonPrinter), label));
+  auto *printer = safeMallocRecord<jsonPrinter>(label);
   if (printer == nullptr)
     return nullptr;
   printer->fd = fd;
@@ -182,16 +182,16 @@ void freeJsonPrinter(jsonPrinter *printer) {
   if (printer == nullptr)
     return;
   safeFree(printer->conversionBuffer, static_cast<int>(printer->conversionBufferSize));
-  safeFree(reinterpret_cast<char *>(printer), sizeof(jsonPrinter));
+  safeFreeRecord(printer);
 }
 
 JsonBuffer *makeJsonBuffer(void) {
-  auto *buffer = reinterpret_cast<JsonBuffer *>(safeMalloc(sizeof(JsonBuffer), "JSON buffer"));
+  auto *buffer = safeMallocRecord<JsonBuffer>("JSON buffer");
   if (buffer == nullptr)
     return nullptr;
   buffer->data = safeMalloc(kJsonBufferFirstSize, "JSON buffer data");
   if (buffer->data == nullptr) {
-    safeFree(reinterpret_cast<char *>(buffer), sizeof(JsonBuffer));
+    safeFreeRecord(buffer);
     return nullptr;
   }
   buffer->size = kJsonBufferFirstSize;
@@ -202,7 +202,7 @@ void freeJsonBuffer(JsonBuffer *buffer) {
   if (buffer == nullptr)
     return;
   safeFree(buffer->data, buffer->size);
-  safeFree(reinterpret_cast<char *>(buffer), sizeof(JsonBuffer));
+  safeFreeRecord(buffer);
 }
 
 void jsonBufferTerminateString(JsonBuffer *buffer) {
@@ -242,8 +242,7 @@ int writeToBuffer(jsonPrinter *printer, const char *bytes, int length) {
 int createStringWriterContext(uint64_t capacity, StringWriterContext **context) {
   if (context == nullptr)
     return 0;
-  auto *writer = reinterpret_cast<StringWriterContext *>(
-      safeMalloc(sizeof(StringWriterContext), "StringWriterContext"));
+  auto *writer = safeMallocRecord<StringWriterContext>("StringWriterContext");
   *context = writer;
   if (writer == nullptr)
     return 0;
@@ -263,7 +262,7 @@ void destroyStringWriterContext(StringWriterContext *context) {
     return;
   // safeFree wipes both before release.
   safeFree(context->stringBuffer, static_cast<int>(context->capacity));
-  safeFree(reinterpret_cast<char *>(context), sizeof(StringWriterContext));
+  safeFreeRecord(context);
 }
 
 jsonPrinter *makeStringWriterCustomJsonPrinter(uint64_t capacity) {

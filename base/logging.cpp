@@ -22,14 +22,6 @@ template <size_t N> void setEyecatcher(char (&field)[N], const char *text) {
   std::memcpy(field, text, N);
 }
 
-template <typename T> T *allocateRecord(const char *label) {
-  return reinterpret_cast<T *>(safeMalloc(static_cast<int>(sizeof(T)), label));
-}
-
-template <typename T> void freeRecord(T *record) {
-  safeFree(reinterpret_cast<char *>(record), static_cast<int>(sizeof(T)));
-}
-
 // Direct-indexed children of the system vendor's components; the entries
 // follow the header in the same allocation.
 struct alignas(LoggingComponent) LoggingComponentTable {
@@ -92,7 +84,7 @@ void *nodeValue(LogHTNode *node) {
 }
 
 LoggingHashTable *logHTCreate(int bucketCount, int valueSize, void (*cleaner)(void *)) {
-  auto *table = allocateRecord<LoggingHashTable>("LoggingHashTable");
+  auto *table = safeMallocRecord<LoggingHashTable>("LoggingHashTable");
   if (table == nullptr) {
     return nullptr;
   }
@@ -104,7 +96,7 @@ LoggingHashTable *logHTCreate(int bucketCount, int valueSize, void (*cleaner)(vo
     safeFree(reinterpret_cast<char *>(table->buckets),
              bucketCount * static_cast<int>(sizeof(LogHTNode *)));
     fbMgrDestroy(table->nodes);
-    freeRecord(table);
+    safeFreeRecord(table);
     return nullptr;
   }
   setEyecatcher(table->eyecatcher, "QNLOGHTB");
@@ -155,7 +147,7 @@ void logHTDestroy(LoggingHashTable *table) {
   fbMgrDestroy(table->nodes);
   safeFree(reinterpret_cast<char *>(table->buckets),
            table->bucketCount * static_cast<int>(sizeof(LogHTNode *)));
-  freeRecord(table);
+  safeFreeRecord(table);
 }
 
 void destroyHashedChildren(void *value) {
@@ -194,13 +186,13 @@ LoggingComponentTable *reallocComponentTable(LoggingComponentTable *old, uint32_
 }
 
 LoggingAnchor *makeTavikAnchor() {
-  auto *anchor = allocateRecord<LoggingAnchor>("LoggingTavikAnchor");
+  auto *anchor = safeMallocRecord<LoggingAnchor>("LoggingTavikAnchor");
   if (anchor == nullptr) {
     return nullptr;
   }
   anchor->root.children = makeComponentTable(kRootTableEntries);
   if (anchor->root.children == nullptr) {
-    freeRecord(anchor);
+    safeFreeRecord(anchor);
     return nullptr;
   }
   setEyecatcher(anchor->eyecatcher, "QNLOGQNA");
@@ -212,12 +204,12 @@ LoggingAnchor *makeTavikAnchor() {
 void freeTavikAnchor(LoggingAnchor *anchor) {
   if (anchor != nullptr) {
     freeComponentTable(static_cast<LoggingComponentTable *>(anchor->root.children));
-    freeRecord(anchor);
+    safeFreeRecord(anchor);
   }
 }
 
 LoggingVendor *makeVendor(uint16_t id) {
-  auto *vendor = allocateRecord<LoggingVendor>("LoggingVendor");
+  auto *vendor = safeMallocRecord<LoggingVendor>("LoggingVendor");
   if (vendor != nullptr) {
     setEyecatcher(vendor->eyecatcher, "QNLOGVNR");
     vendor->id = id;
@@ -228,7 +220,7 @@ LoggingVendor *makeVendor(uint16_t id) {
 void freeVendor(void *, void *, void *value) {
   auto *vendor = static_cast<LoggingVendor *>(value);
   logHTDestroy(static_cast<LoggingHashTable *>(vendor->root.children));
-  freeRecord(vendor);
+  safeFreeRecord(vendor);
 }
 
 struct ComponentPath {
@@ -275,7 +267,7 @@ VendorView findOrMakeVendor(LoggingContext *context, uint16_t id) {
     return {};
   }
   if (htUIntPut(context->vendors, id, vendor) < 0) {
-    freeRecord(vendor);
+    safeFreeRecord(vendor);
     return {};
   }
   return viewOf(vendor);
@@ -432,7 +424,7 @@ FoundComponent componentToWrite(LoggingContext *context, uint64_t componentId, i
 } // namespace
 
 extern "C" LoggingContext *makeLocalLoggingContext(void) {
-  auto *context = allocateRecord<LoggingContext>("LoggingContext");
+  auto *context = safeMallocRecord<LoggingContext>("LoggingContext");
   if (context == nullptr) {
     return nullptr;
   }
@@ -453,7 +445,7 @@ extern "C" void freeLoggingContext(LoggingContext *context) {
   htMap2(context->vendors, freeVendor, nullptr);
   htDestroy(context->vendors);
   freeTavikAnchor(context->anchor);
-  freeRecord(context);
+  safeFreeRecord(context);
 }
 
 extern "C" LoggingContext *makeLoggingContext(void) {
