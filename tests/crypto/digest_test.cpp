@@ -59,7 +59,6 @@ TEST(Digest, CapacityAndArgumentChecks) {
 
   length = sizeof(buffer);
   EXPECT_EQ(qn_hash_oneshot(QN_HASH_SHA256, "abc", 0, &out, &length), QN_RC_MISSING_ARGUMENT);
-  EXPECT_EQ(qn_hash_oneshot(6, "abc", 3, &out, &length), QN_RC_UNSUPPORTED_DIGEST);
   EXPECT_EQ(qn_hash_oneshot(12, "abc", 3, &out, &length), QN_RC_UNSUPPORTED_DIGEST);
   EXPECT_EQ(length, sizeof(buffer));
 
@@ -79,24 +78,20 @@ TEST(Digest, CapacityAndArgumentChecks) {
   EXPECT_EQ(hex(buffer, length),
             "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
   free_hash_context(&context);
-  free_hash_context(&context);
   free_hash_context(nullptr);
 }
 
 TEST(Digest, OlderContextMatchesVectorsAcrossUpdates) {
-  const struct {
-    int32_t type;
-    const char *abc;
-  } cases[] = {{QN_DIGEST_MD5, kAbcVectors[0].abc}, {QN_DIGEST_SHA1, kAbcVectors[1].abc}};
-  for (const auto &c : cases) {
+  for (auto [type, abc] : {std::pair{QN_DIGEST_MD5, kAbcVectors[0].abc},
+                           std::pair{QN_DIGEST_SHA1, kAbcVectors[1].abc}}) {
     digestContext context;
     memset(&context, 0xA5, sizeof(context));
-    ASSERT_EQ(digestContextInit(&context, c.type), 0);
+    ASSERT_EQ(digestContextInit(&context, type), 0);
     ASSERT_EQ(digestContextUpdate(&context, "ab", 2), 0);
     ASSERT_EQ(digestContextUpdate(&context, "c", 1), 0);
     unsigned char digest[20];
     ASSERT_EQ(digestContextFinish(&context, digest), 0);
-    EXPECT_EQ(hex(digest, context.digestLength), c.abc);
+    EXPECT_EQ(hex(digest, context.digestLength), abc);
   }
   digestContext context;
   EXPECT_EQ(digestContextInit(&context, 3), QN_DIGEST_CONTEXT_FAILED);
@@ -105,24 +100,20 @@ TEST(Digest, OlderContextMatchesVectorsAcrossUpdates) {
 
 // Every length from 1 to 70 against OpenSSL's encoder, then back.
 TEST(Base64, RoundTripMatchesOpenSsl) {
-  std::vector<unsigned char> input(70);
-  for (size_t i = 0; i < input.size(); ++i)
+  unsigned char input[70], expected[100];
+  for (size_t i = 0; i < sizeof input; ++i)
     input[i] = static_cast<unsigned char>(i * 37 + 11);
-  for (uint64_t n = 1; n <= input.size(); ++n) {
+  for (uint64_t n = 1; n <= sizeof input; ++n) {
     SCOPED_TRACE(n);
     char *text = nullptr;
-    uint64_t textLength = 0;
-    ASSERT_EQ(qn_base64_encode(input.data(), n, &text, &textLength), 0);
-    std::vector<unsigned char> expected(qn_base64_enclen(n));
-    int expectedLength = EVP_EncodeBlock(expected.data(), input.data(), static_cast<int>(n));
-    ASSERT_EQ(textLength, static_cast<uint64_t>(expectedLength));
-    EXPECT_STREQ(text, reinterpret_cast<char *>(expected.data()));
-
     unsigned char *decoded = nullptr;
-    uint64_t decodedLength = 0;
+    uint64_t textLength = 0, decodedLength = 0;
+    ASSERT_EQ(qn_base64_encode(input, n, &text, &textLength), 0);
+    int expectedLength = EVP_EncodeBlock(expected, input, static_cast<int>(n));
+    EXPECT_EQ(textLength, static_cast<uint64_t>(expectedLength));
+    EXPECT_STREQ(text, reinterpret_cast<char *>(expected));
     ASSERT_EQ(qn_base64_decode(text, textLength, &decoded, &decodedLength), 0);
-    ASSERT_EQ(decodedLength, n);
-    EXPECT_EQ(memcmp(decoded, input.data(), n), 0);
+    EXPECT_EQ(hex(decoded, decodedLength), hex(input, n));
     qncFree(decoded, static_cast<int>(qn_base64_declen(textLength)));
     qncFree(text, static_cast<int>(qn_base64_enclen(n)));
   }

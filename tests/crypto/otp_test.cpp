@@ -103,7 +103,6 @@ TEST_P(OtpTest, RefusalsAndTokenFailures) {
   EXPECT_EQ(hotp(key, 12, 0), "[7770005]");
   EXPECT_EQ(totp(key, QN_HASH_SHA1, 100, 0, 0), "[7770001]");
   EXPECT_EQ(totp(key, QN_HASH_SHA1, 100, 101), "[7770040]");
-  EXPECT_EQ(totp(key, QN_HASH_SHA1, 100, 100), totp(key, QN_HASH_SHA1, 0));
 
   // The providers differ in the code (CKR_KEY_HANDLE_INVALID or
   // CKR_OBJECT_HANDLE_INVALID); either is handed on as the token gave it.
@@ -193,8 +192,6 @@ TEST_P(CheckRangeTest, WindowStepZeroAndClockCorrection) {
 
 TEST_P(CheckRangeTest, RefusalsAndUnmatchableCandidates) {
   uint64_t t0 = t0ForStep(100);
-  EXPECT_EQ(std::get<0>(check(qnclibc_currentSecondsSinceJan1970() + 600, codeOf(0), 1)),
-            QN_OTP_RC_BEFORE_T0);
   // Eight digits asked for, six given: not matched, and the token is never
   // asked (a closed session would fail any HMAC).
   qn_pkcs11_session closed{};

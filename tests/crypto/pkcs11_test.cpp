@@ -262,9 +262,6 @@ TEST_P(TokenTest, KeySizesAndArgumentsAreChecked) {
        QN_PKCS11_RC_MISSING_ARGUMENT},
       {qn_pkcs11_create_hmacKeyFromRaw(session(), nullptr, nullptr, raw.data(), 32, &key),
        QN_PKCS11_RC_MISSING_ARGUMENT},
-      {qn_pkcs11_create_hmacSessionKeyFromRaw(session(), nullptr, nullptr, raw.data(), 0, &key),
-       QN_PKCS11_RC_MISSING_ARGUMENT},
-      {qn_pkcs11_createObject_internal(session(), 0, nullptr, &key), QN_PKCS11_RC_MISSING_ARGUMENT},
   };
   for (std::size_t i = 0; i < std::size(cases); ++i)
     EXPECT_EQ(cases[i].first, cases[i].second) << "case " << i;
@@ -329,11 +326,25 @@ TEST_P(TokenTest, HmacOfShortKeysMatchesPublishedValues) {
   ASSERT_EQ(qn_pkcs11_destroyObject(session(), &sessionKey), 0);
 }
 
-TEST_P(TokenTest, AesRoundTripsEveryLengthWithFreshIvs) {
+// An imported key, so that an independent implementation can decrypt what
+// the token made of IV and ciphertext.
+Bytes opensslDecrypt(const unsigned char *key, const unsigned char *in, uint32_t length) {
+  Bytes out(length);
+  int part = 0, last = 0;
+  EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
+  EXPECT_EQ(EVP_DecryptInit_ex(ctx, EVP_aes_128_cbc(), nullptr, key, in), 1);
+  EXPECT_EQ(EVP_DecryptUpdate(ctx, out.data(), &part, in + 16, static_cast<int>(length - 16)), 1);
+  EXPECT_EQ(EVP_DecryptFinal_ex(ctx, out.data() + part, &last), 1);
+  EVP_CIPHER_CTX_free(ctx);
+  out.resize(static_cast<std::size_t>(part + last));
+  return out;
+}
+
+TEST_P(TokenTest, AesRoundTripsAsIvThenCiphertextWithFreshIvs) {
+  const unsigned char raw[16] = {0x2b, 0x7e, 0x15, 0x16, 0x28, 0xae, 0xd2, 0xa6,
+                                 0xab, 0xf7, 0x15, 0x88, 0x09, 0xcf, 0x4f, 0x3c};
   qn_pkcs11_key key{};
-  ASSERT_EQ(qn_pkcs11_gen_AESCBCPadWithLabel(session(), 256, uniqueLabel("aesrt").c_str(), 1, &key),
-            0);
-  token().destroyLater(key);
+  ASSERT_EQ(qn_pkcs11_create_aesSessionKeyFromRaw(session(), nullptr, nullptr, raw, 16, &key), 0);
   for (uint32_t size : {0u, 1u, 15u, 16u, 17u, 100u}) {
     SCOPED_TRACE(size);
     Bytes plain(size + 1, 0x5A); // never empty: the plaintext pointer is required
@@ -348,35 +359,14 @@ TEST_P(TokenTest, AesRoundTripsEveryLengthWithFreshIvs) {
               0);
     EXPECT_EQ(firstLength, expected);
     EXPECT_NE(std::memcmp(first.data(), second.data(), 16), 0) << "IV reused";
+    plain.resize(size);
+    EXPECT_EQ(opensslDecrypt(raw, first.data(), firstLength), plain);
     ASSERT_EQ(qn_pkcs11_decrypt_AESCBCPad(session(), &key, first.data(), firstLength, back.data(),
                                           &backLength),
               0);
-    ASSERT_EQ(backLength, size);
-    EXPECT_EQ(std::memcmp(back.data(), plain.data(), size), 0);
+    back.resize(backLength);
+    EXPECT_EQ(back, plain);
   }
-}
-
-TEST_P(TokenTest, AesOutputIsIvThenCiphertext) {
-  // An imported key, so that an independent implementation can decrypt.
-  const unsigned char raw[16] = {0x2b, 0x7e, 0x15, 0x16, 0x28, 0xae, 0xd2, 0xa6,
-                                 0xab, 0xf7, 0x15, 0x88, 0x09, 0xcf, 0x4f, 0x3c};
-  qn_pkcs11_key key{};
-  ASSERT_EQ(qn_pkcs11_create_aesSessionKeyFromRaw(session(), nullptr, nullptr, raw, 16, &key), 0);
-  Bytes plain = bytesOf("the PKCS#12 password");
-  unsigned char out[64];
-  uint32_t length = sizeof out;
-  ASSERT_EQ(qn_pkcs11_encrypt_AESCBCPad(session(), &key, plain.data(),
-                                        static_cast<uint32_t>(plain.size()), out, &length),
-            0);
-  ASSERT_EQ(length, 48u);
-  EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
-  ASSERT_EQ(EVP_DecryptInit_ex(ctx, EVP_aes_128_cbc(), nullptr, raw, out), 1);
-  unsigned char decoded[64];
-  int part = 0, last = 0;
-  ASSERT_EQ(EVP_DecryptUpdate(ctx, decoded, &part, out + 16, 32), 1);
-  ASSERT_EQ(EVP_DecryptFinal_ex(ctx, decoded + part, &last), 1);
-  EVP_CIPHER_CTX_free(ctx);
-  EXPECT_EQ(Bytes(decoded, decoded + part + last), plain);
 }
 
 TEST_P(TokenTest, AesRefusesShortBuffersWithoutLeavingAnOperationActive) {

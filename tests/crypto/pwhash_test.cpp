@@ -71,19 +71,35 @@ void softRelease(void *state) {
   }
 }
 
+// A PRF as the engine takes it: an argument for keying and three callbacks.
+struct Prf {
+  void *argument;
+  qn_pbkdf2_keying_fn keying;
+  qn_pbkdf2_prf_fn run;
+  qn_pbkdf2_release_fn release;
+};
+Prf soft(SoftPrf &prf) {
+  return {&prf, softKeying, softRun, softRelease};
+}
+// The token's HMAC-SHA1 bound exactly as the service binds it.
+Prf onToken(qn_pwhash_ctx *context) {
+  return {context, qn_pwhash_init_prf_context, qn_pwhash_prfexec_hmac_sha1,
+          qn_pwhash_free_prf_context};
+}
+
 struct EngineRun {
   int created = 0, derived = 0;
   Bytes out;
-  void *failedState = nullptr;
+  void *failedState = nullptr; // for the caller to release
 };
 
-EngineRun runEngine(SoftPrf &prf, uint32_t mode, const std::string &password,
-                    const std::string &salt, uint32_t iterations, uint32_t dkLen) {
+EngineRun runEngine(Prf prf, uint32_t mode, const std::string &password, const std::string &salt,
+                    uint32_t iterations, uint32_t dkLen) {
   EngineRun run;
   qn_pbkdf2_ctx *context = nullptr;
-  run.created = qn_pbkdf2_ctx_init(bytes(password.c_str()), password.size(), bytes(salt.c_str()),
-                                   salt.size(), iterations, dkLen, 20, &prf, mode, softKeying,
-                                   softRun, softRelease, &context);
+  run.created = qn_pbkdf2_ctx_init(bytes(password.data()), password.size(), bytes(salt.data()),
+                                   salt.size(), iterations, dkLen, 20, prf.argument, mode,
+                                   prf.keying, prf.run, prf.release, &context);
   if (context != nullptr) {
     run.out.assign(dkLen, 0xEE);
     uint32_t length = dkLen;
@@ -98,7 +114,7 @@ TEST(Pbkdf2Engine, BothModesGiveStandardOutput) {
   for (uint32_t mode : {QN_PBKDF2_MODE_KEY_ONCE, QN_PBKDF2_MODE_KEY_PER_BLOCK, 9u}) {
     SCOPED_TRACE(mode);
     SoftPrf prf;
-    EngineRun run = runEngine(prf, mode, "password", "saltSALTsaltSALT", 7, 45);
+    EngineRun run = runEngine(soft(prf), mode, "password", "saltSALTsaltSALT", 7, 45);
     ASSERT_EQ(run.created, 1);
     ASSERT_EQ(run.derived, 1);
     EXPECT_EQ(run.out, referencePbkdf2("password", "saltSALTsaltSALT", 7, 45));
@@ -145,7 +161,7 @@ TEST(Pbkdf2Engine, FailuresHandTheKeyedStateBack) {
          {std::tuple{&failing, 0, true}, std::tuple{&shortOutput, 0, true},
           std::tuple{&refusing, once ? 7 : 0, false}}) {
       SCOPED_TRACE(testing::Message() << "mode " << mode << ", derived " << derived);
-      EngineRun run = runEngine(*prf, mode, "pw", "salt", 3, 32);
+      EngineRun run = runEngine(soft(*prf), mode, "pw", "salt", 3, 32);
       EXPECT_EQ(run.derived, derived);
       EXPECT_EQ(run.failedState != nullptr, keyedState);
       softRelease(run.failedState);
@@ -156,23 +172,13 @@ TEST(Pbkdf2Engine, FailuresHandTheKeyedStateBack) {
 
 using mfatest::TokenTest;
 
-// The engine bound to the token's HMAC-SHA1 exactly as the service binds it.
 Bytes tokenPbkdf2(qn_pwhash_ctx *context, const std::string &password, const std::string &salt,
                   uint32_t iterations, uint32_t dkLen) {
-  qn_pbkdf2_ctx *pbkdf2 = nullptr;
-  EXPECT_EQ(qn_pbkdf2_ctx_init(bytes(password.data()), password.size(), bytes(salt.data()),
-                               salt.size(), iterations, dkLen, 20, context, QN_PBKDF2_MODE_KEY_ONCE,
-                               qn_pwhash_init_prf_context, qn_pwhash_prfexec_hmac_sha1,
-                               qn_pwhash_free_prf_context, &pbkdf2),
-            1);
-  Bytes out(dkLen);
-  uint32_t length = dkLen;
-  void *failedState = nullptr;
-  int rc = qn_pbkdf2_exec(pbkdf2, out.data(), &length, &failedState);
-  qn_pwhash_free_prf_context(failedState);
-  qn_pbkdf2_ctx_destroy(pbkdf2);
-  EXPECT_EQ(rc, 1);
-  return out;
+  EngineRun run =
+      runEngine(onToken(context), QN_PBKDF2_MODE_KEY_ONCE, password, salt, iterations, dkLen);
+  EXPECT_EQ(std::pair(run.created, run.derived), std::pair(1, 1));
+  qn_pwhash_free_prf_context(run.failedState);
+  return run.out;
 }
 
 using PwhashContext = std::unique_ptr<qn_pwhash_ctx, decltype(&qn_pwhash_ctx_destroy)>;
