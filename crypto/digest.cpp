@@ -105,43 +105,39 @@ int prepareOutput(Byte **output, uint64_t *outputLength, uint64_t needed, const 
 }
 
 // Decodes quartets of text into out until the NUL, a padding stop or `limit`
-// bytes. The text must not start with its NUL.
+// bytes. The text must not start with its NUL. Characters outside the
+// alphabet are skipped between quartets; inside one, the second and third
+// must belong to it, and a fourth that does not ends the text.
 int decodeQuartets(const unsigned char *p, unsigned char *out, uint64_t limit, uint64_t *count) {
   uint64_t n = 0;
-  while (*p != '\0') {
-    uint8_t a = sextet(p[0]);
-    if (a == kInvalid) {
+  bool done = false;
+  while (!done && *p != '\0') {
+    uint8_t previous = sextet(p[0]);
+    if (previous == kInvalid) {
       ++p;
       continue;
     }
-    uint8_t b = sextet(p[1]);
-    if (b == kInvalid)
-      return QN_RC_BAD_BASE64;
-    out[n++] = static_cast<unsigned char>(a << 2 | b >> 4);
-    if (n == limit)
-      break;
-    // The partial bits of a padded quartet land one byte past the counted
-    // output; n < limit here, so that byte is inside the buffer.
-    if (p[2] == '=') {
-      out[n] = static_cast<unsigned char>(b << 4);
-      break;
+    // Character i completes output byte i - 1 with the bits of character i - 1.
+    for (int i = 1; i < 4 && !done; i++) {
+      int shift = 2 * i;
+      // The partial bits of a padded quartet land one byte past the counted
+      // output; n < limit here, so that byte is inside the buffer.
+      if (i > 1 && p[i] == '=') {
+        out[n] = static_cast<unsigned char>(previous << shift);
+        done = true;
+        break;
+      }
+      uint8_t next = sextet(p[i]);
+      if (next == kInvalid) {
+        if (i < 3)
+          return QN_RC_BAD_BASE64;
+        done = true;
+        break;
+      }
+      out[n++] = static_cast<unsigned char>(previous << shift | next >> (6 - shift));
+      previous = next;
+      done = n == limit;
     }
-    uint8_t c = sextet(p[2]);
-    if (c == kInvalid)
-      return QN_RC_BAD_BASE64;
-    out[n++] = static_cast<unsigned char>(b << 4 | c >> 2);
-    if (n == limit)
-      break;
-    if (p[3] == '=') {
-      out[n] = static_cast<unsigned char>(c << 6);
-      break;
-    }
-    uint8_t d = sextet(p[3]);
-    if (d == kInvalid)
-      break;
-    out[n++] = static_cast<unsigned char>(c << 6 | d);
-    if (n == limit)
-      break;
     p += 4;
   }
   *count = n;
