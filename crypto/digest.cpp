@@ -58,8 +58,18 @@ private:
   qn_hash_context *context_;
 };
 
-int initDigest(qn_hash_context *context, const DigestInfo &info) {
-  return EVP_DigestInit_ex(context->evp, info.md(), nullptr) == 1 ? 0 : QN_RC_DIGEST_INIT;
+// Initialises a freshly allocated context (null when allocation failed) for
+// algorithm and points *info at the digest's description.
+int startDigest(const HashContextGuard &context, uint32_t algorithm, const DigestInfo **info) {
+  if (context.get() == nullptr)
+    return QN_RC_ALLOC_FAILED;
+  *info = digestInfo(algorithm);
+  if (*info == nullptr)
+    return QN_RC_UNSUPPORTED_DIGEST;
+  if (EVP_DigestInit_ex(context.get()->evp, (*info)->md(), nullptr) != 1)
+    return QN_RC_DIGEST_INIT;
+  context.get()->algorithm = algorithm;
+  return 0;
 }
 
 int finishDigest(qn_hash_context *context, unsigned char *output, uint32_t *outputLength) {
@@ -154,17 +164,13 @@ int qn_hash_oneshot(uint32_t algorithm, const void *data, uint64_t dataLength,
       *output == nullptr || outputLength == nullptr)
     return QN_RC_MISSING_ARGUMENT;
   HashContextGuard context(newHashContext("ctx"));
-  if (context.get() == nullptr)
-    return QN_RC_ALLOC_FAILED;
-  const DigestInfo *info = digestInfo(algorithm);
-  if (info == nullptr)
-    return QN_RC_UNSUPPORTED_DIGEST;
+  const DigestInfo *info = nullptr;
+  if (int rc = startDigest(context, algorithm, &info); rc != 0)
+    return rc;
   if (*outputLength < info->length) {
     *outputLength = info->length;
     return QN_RC_BUFFER_TOO_SMALL;
   }
-  if (int rc = initDigest(context.get(), *info); rc != 0)
-    return rc;
   if (EVP_DigestUpdate(context.get()->evp, data, dataLength) != 1)
     return QN_RC_DIGEST_UPDATE;
   return finishDigest(context.get(), *output, outputLength);
@@ -174,14 +180,9 @@ int qn_hash_start(uint32_t algorithm, qn_hash_context **context) {
   if (context == nullptr)
     return QN_RC_MISSING_ARGUMENT;
   HashContextGuard created(newHashContext("hash ctx"));
-  if (created.get() == nullptr)
-    return QN_RC_ALLOC_FAILED;
-  const DigestInfo *info = digestInfo(algorithm);
-  if (info == nullptr)
-    return QN_RC_UNSUPPORTED_DIGEST;
-  if (int rc = initDigest(created.get(), *info); rc != 0)
+  const DigestInfo *info = nullptr;
+  if (int rc = startDigest(created, algorithm, &info); rc != 0)
     return rc;
-  created.get()->algorithm = algorithm;
   *context = created.released();
   return 0;
 }
@@ -377,11 +378,7 @@ char *qncAlloc(int size, const char *label) {
 }
 
 void qncFree(void *pointer, int size) {
-  if (pointer == nullptr)
-    return;
-  if (size > 0)
-    explicit_bzero(pointer, static_cast<size_t>(size));
-  safeFree(static_cast<char *>(pointer), size);
+  safeFree(static_cast<char *>(pointer), size); // wipes before release; null is ignored
 }
 
 char *qncDuplicateString(const char *text) {
