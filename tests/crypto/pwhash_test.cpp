@@ -323,7 +323,6 @@ MFA_INSTANTIATE_ON_TOKENS(PwhashTokenTest);
 // would fail with the token layer's missing-argument code otherwise.
 TEST(Pwhash, BufferChecksPrecedeTheToken) {
   PwhashContext context = makeContext(10, nullptr);
-  EXPECT_EQ(memcmp(context->eyecatcher, "QNPWHASH", 8), 0);
   unsigned char salt[16], derived[32];
   uint32_t saltLength = 15, derivedLength = 32;
   EXPECT_EQ(qn_pwhash_protect(context.get(), "pw", 2, salt, &saltLength, derived, &derivedLength),
