@@ -287,7 +287,7 @@ TEST_P(PwhashTokenTest, ProtectThenVerify) {
             0);
   EXPECT_EQ(again, derived);
 
-  // A second password gets a fresh salt.
+  // Protecting the same password again gives a fresh salt.
   unsigned char otherSalt[16];
   saltLength = sizeof(otherSalt);
   ASSERT_EQ(qn_pwhash_protect(context.get(), "correct horse", 13, otherSalt, &saltLength,
