@@ -58,8 +58,18 @@ private:
   qn_hash_context *context_;
 };
 
-int initDigest(qn_hash_context *context, const DigestInfo &info) {
-  return EVP_DigestInit_ex(context->evp, info.md(), nullptr) == 1 ? 0 : QN_RC_DIGEST_INIT;
+// Initialises a freshly allocated context (null when allocation failed) for
+// algorithm and points *info at the digest's description.
+int startDigest(const HashContextGuard &context, uint32_t algorithm, const DigestInfo **info) {
+  if (context.get() == nullptr)
+    return QN_RC_ALLOC_FAILED;
+  *info = digestInfo(algorithm);
+  if (*info == nullptr)
+    return QN_RC_UNSUPPORTED_DIGEST;
+  if (EVP_DigestInit_ex(context.get()->evp, (*info)->md(), nullptr) != 1)
+    return QN_RC_DIGEST_INIT;
+  context.get()->algorithm = algorithm;
+  return 0;
 }
 
 int finishDigest(qn_hash_context *context, unsigned char *output, uint32_t *outputLength) {
@@ -105,43 +115,39 @@ int prepareOutput(Byte **output, uint64_t *outputLength, uint64_t needed, const 
 }
 
 // Decodes quartets of text into out until the NUL, a padding stop or `limit`
-// bytes. The text must not start with its NUL.
+// bytes. The text must not start with its NUL. Characters outside the
+// alphabet are skipped between quartets; inside one, the second and third
+// must belong to it, and a fourth that does not ends the text.
 int decodeQuartets(const unsigned char *p, unsigned char *out, uint64_t limit, uint64_t *count) {
   uint64_t n = 0;
-  while (*p != '\0') {
-    uint8_t a = sextet(p[0]);
-    if (a == kInvalid) {
+  bool done = false;
+  while (!done && *p != '\0') {
+    uint8_t previous = sextet(p[0]);
+    if (previous == kInvalid) {
       ++p;
       continue;
     }
-    uint8_t b = sextet(p[1]);
-    if (b == kInvalid)
-      return QN_RC_BAD_BASE64;
-    out[n++] = static_cast<unsigned char>(a << 2 | b >> 4);
-    if (n == limit)
-      break;
-    // The partial bits of a padded quartet land one byte past the counted
-    // output; n < limit here, so that byte is inside the buffer.
-    if (p[2] == '=') {
-      out[n] = static_cast<unsigned char>(b << 4);
-      break;
+    // Character i completes output byte i - 1 with the bits of character i - 1.
+    for (int i = 1; i < 4 && !done; i++) {
+      int shift = 2 * i;
+      // The partial bits of a padded quartet land one byte past the counted
+      // output; n < limit here, so that byte is inside the buffer.
+      if (i > 1 && p[i] == '=') {
+        out[n] = static_cast<unsigned char>(previous << shift);
+        done = true;
+        break;
+      }
+      uint8_t next = sextet(p[i]);
+      if (next == kInvalid) {
+        if (i < 3)
+          return QN_RC_BAD_BASE64;
+        done = true;
+        break;
+      }
+      out[n++] = static_cast<unsigned char>(previous << shift | next >> (6 - shift));
+      previous = next;
+      done = n == limit;
     }
-    uint8_t c = sextet(p[2]);
-    if (c == kInvalid)
-      return QN_RC_BAD_BASE64;
-    out[n++] = static_cast<unsigned char>(b << 4 | c >> 2);
-    if (n == limit)
-      break;
-    if (p[3] == '=') {
-      out[n] = static_cast<unsigned char>(c << 6);
-      break;
-    }
-    uint8_t d = sextet(p[3]);
-    if (d == kInvalid)
-      break;
-    out[n++] = static_cast<unsigned char>(c << 6 | d);
-    if (n == limit)
-      break;
     p += 4;
   }
   *count = n;
@@ -158,17 +164,13 @@ int qn_hash_oneshot(uint32_t algorithm, const void *data, uint64_t dataLength,
       *output == nullptr || outputLength == nullptr)
     return QN_RC_MISSING_ARGUMENT;
   HashContextGuard context(newHashContext("ctx"));
-  if (context.get() == nullptr)
-    return QN_RC_ALLOC_FAILED;
-  const DigestInfo *info = digestInfo(algorithm);
-  if (info == nullptr)
-    return QN_RC_UNSUPPORTED_DIGEST;
+  const DigestInfo *info = nullptr;
+  if (int rc = startDigest(context, algorithm, &info); rc != 0)
+    return rc;
   if (*outputLength < info->length) {
     *outputLength = info->length;
     return QN_RC_BUFFER_TOO_SMALL;
   }
-  if (int rc = initDigest(context.get(), *info); rc != 0)
-    return rc;
   if (EVP_DigestUpdate(context.get()->evp, data, dataLength) != 1)
     return QN_RC_DIGEST_UPDATE;
   return finishDigest(context.get(), *output, outputLength);
@@ -178,14 +180,9 @@ int qn_hash_start(uint32_t algorithm, qn_hash_context **context) {
   if (context == nullptr)
     return QN_RC_MISSING_ARGUMENT;
   HashContextGuard created(newHashContext("hash ctx"));
-  if (created.get() == nullptr)
-    return QN_RC_ALLOC_FAILED;
-  const DigestInfo *info = digestInfo(algorithm);
-  if (info == nullptr)
-    return QN_RC_UNSUPPORTED_DIGEST;
-  if (int rc = initDigest(created.get(), *info); rc != 0)
+  const DigestInfo *info = nullptr;
+  if (int rc = startDigest(created, algorithm, &info); rc != 0)
     return rc;
-  created.get()->algorithm = algorithm;
   *context = created.released();
   return 0;
 }
@@ -381,11 +378,7 @@ char *qncAlloc(int size, const char *label) {
 }
 
 void qncFree(void *pointer, int size) {
-  if (pointer == nullptr)
-    return;
-  if (size > 0)
-    explicit_bzero(pointer, static_cast<size_t>(size));
-  safeFree(static_cast<char *>(pointer), size);
+  safeFree(static_cast<char *>(pointer), size); // wipes before release; null is ignored
 }
 
 char *qncDuplicateString(const char *text) {

@@ -32,6 +32,17 @@ CK_RV record(qn_pkcs11_env *env, CK_RV rv, const char *callName) {
   return rv;
 }
 
+// A single-part operation: its Init result, then the operation itself, run
+// only when Init succeeded. Each step is reported under its own name.
+template <typename Run>
+int32_t initThenRun(qn_pkcs11_env *env, CK_RV initRv, const char *initName, Run run,
+                    const char *runName) {
+  CK_RV rv = record(env, initRv, initName);
+  if (rv != CKR_OK)
+    return status(rv);
+  return status(record(env, run(), runName));
+}
+
 // Typed allocation through the checked allocator; the memory is zero-filled.
 template <typename T> T *allocate(std::size_t count, const char *label) {
   return reinterpret_cast<T *>(safeMalloc(static_cast<int>(count * sizeof(T)), label));
@@ -119,6 +130,21 @@ CK_BYTE kPublicExponent[] = {0x01, 0x00, 0x01};
 // they must outlive the Cryptoki call.
 class Template {
 public:
+  Template() = default;
+  Template(const Template &) = delete; // the attributes point into it
+  Template &operator=(const Template &) = delete;
+
+  // What every key template starts with. Keys are never private, so that
+  // sessions without a login find them.
+  void key(CK_OBJECT_CLASS objectClass, CK_KEY_TYPE keyType, bool onToken, const char *label) {
+    class_ = objectClass;
+    keyType_ = keyType;
+    add(CKA_CLASS, class_);
+    add(CKA_KEY_TYPE, keyType_);
+    flag(CKA_TOKEN, onToken);
+    flag(CKA_PRIVATE, false);
+    text(CKA_LABEL, label);
+  }
   void add(CK_ATTRIBUTE_TYPE type, const void *value, std::size_t length) {
     if (count_ < attributes_.size())
       attributes_[count_++] = {type, const_cast<void *>(value), static_cast<CK_ULONG>(length)};
@@ -138,6 +164,8 @@ public:
 private:
   std::array<CK_ATTRIBUTE, 16> attributes_{}; // the largest template here has 13
   std::size_t count_ = 0;
+  CK_OBJECT_CLASS class_ = 0;
+  CK_KEY_TYPE keyType_ = 0;
 };
 
 // What a secret key may be used for: ciphers encrypt and decrypt, MAC keys
@@ -148,6 +176,14 @@ void addSecretUsage(Template &attributes, CK_KEY_TYPE keyType) {
   attributes.flag(CKA_DECRYPT, !mac);
   attributes.flag(CKA_SIGN, mac);
   attributes.flag(CKA_VERIFY, mac);
+}
+
+// A public RSA key with the exponent 65537 that verifies, encrypts and wraps.
+void addRsaPublicUsage(Template &attributes) {
+  attributes.add(CKA_PUBLIC_EXPONENT, kPublicExponent);
+  attributes.flag(CKA_VERIFY, true);
+  attributes.flag(CKA_ENCRYPT, true);
+  attributes.flag(CKA_WRAP, true);
 }
 
 // Key generation shared by every secret-key form; callName names it in the
@@ -164,15 +200,10 @@ int32_t generateSecret(qn_pkcs11_session *session, CK_MECHANISM_TYPE generator, 
   qn_pkcs11_env *env = openSessionEnv(session, &rc);
   if (env == nullptr)
     return rc;
-  CK_OBJECT_CLASS objectClass = CKO_SECRET_KEY;
   CK_ULONG valueLength = keyBytes;
   Template attributes;
-  attributes.add(CKA_CLASS, objectClass);
-  attributes.add(CKA_KEY_TYPE, keyType);
+  attributes.key(CKO_SECRET_KEY, keyType, true, label);
   attributes.add(CKA_VALUE_LEN, valueLength);
-  attributes.text(CKA_LABEL, label);
-  attributes.flag(CKA_TOKEN, true);
-  attributes.flag(CKA_PRIVATE, false);
   attributes.flag(CKA_SENSITIVE, extractable == 0);
   attributes.flag(CKA_EXTRACTABLE, extractable != 0);
   addSecretUsage(attributes, keyType);
@@ -242,17 +273,12 @@ int32_t createSecretFromRaw(qn_pkcs11_session *session, CK_KEY_TYPE keyType, boo
     value = padded.data();
     valueLength = kShortestHmacKey;
   }
-  CK_OBJECT_CLASS objectClass = CKO_SECRET_KEY;
   Template attributes;
-  attributes.add(CKA_CLASS, objectClass);
-  attributes.add(CKA_KEY_TYPE, keyType);
-  attributes.flag(CKA_TOKEN, onToken);
-  attributes.flag(CKA_PRIVATE, false);
+  attributes.key(CKO_SECRET_KEY, keyType, onToken, label);
   attributes.flag(CKA_SENSITIVE, true);
   attributes.flag(CKA_EXTRACTABLE, false);
   addSecretUsage(attributes, keyType);
   attributes.add(CKA_VALUE, value, valueLength);
-  attributes.text(CKA_LABEL, label);
   attributes.text(CKA_APPLICATION, application);
   int32_t rc = createObject(session, attributes.size(), attributes.data(), callName, outKey);
   explicit_bzero(padded.data(), padded.size());
@@ -706,27 +732,13 @@ int32_t qn_pkcs11_gen_RSAKeyPair(qn_pkcs11_session *session, uint32_t modulusBit
   qn_pkcs11_env *env = openSessionEnv(session, &rc);
   if (env == nullptr)
     return rc;
-  CK_OBJECT_CLASS publicClass = CKO_PUBLIC_KEY;
-  CK_OBJECT_CLASS privateClass = CKO_PRIVATE_KEY;
-  CK_KEY_TYPE keyType = CKK_RSA;
   CK_ULONG bits = modulusBits;
   Template publicKey;
-  publicKey.add(CKA_CLASS, publicClass);
-  publicKey.add(CKA_KEY_TYPE, keyType);
-  publicKey.flag(CKA_TOKEN, true);
-  publicKey.flag(CKA_PRIVATE, false);
-  publicKey.text(CKA_LABEL, label);
+  publicKey.key(CKO_PUBLIC_KEY, CKK_RSA, true, label);
   publicKey.add(CKA_MODULUS_BITS, bits);
-  publicKey.add(CKA_PUBLIC_EXPONENT, kPublicExponent);
-  publicKey.flag(CKA_VERIFY, true);
-  publicKey.flag(CKA_ENCRYPT, true);
-  publicKey.flag(CKA_WRAP, true);
+  addRsaPublicUsage(publicKey);
   Template privateKey;
-  privateKey.add(CKA_CLASS, privateClass);
-  privateKey.add(CKA_KEY_TYPE, keyType);
-  privateKey.flag(CKA_TOKEN, true);
-  privateKey.flag(CKA_PRIVATE, false);
-  privateKey.text(CKA_LABEL, label);
+  privateKey.key(CKO_PRIVATE_KEY, CKK_RSA, true, label);
   privateKey.flag(CKA_SENSITIVE, true);
   privateKey.flag(CKA_EXTRACTABLE, false);
   privateKey.flag(CKA_SIGN, true);
@@ -780,19 +792,10 @@ int32_t qn_pkcs11_create_rsaPubKeyFromRaw(qn_pkcs11_session *session, const char
                                           uint32_t rawLength, qn_pkcs11_key *outKey) {
   if (session == nullptr || raw == nullptr || rawLength == 0 || outKey == nullptr)
     return kMissingArgument;
-  CK_OBJECT_CLASS objectClass = CKO_PUBLIC_KEY;
-  CK_KEY_TYPE keyType = CKK_RSA;
   Template attributes;
-  attributes.add(CKA_CLASS, objectClass);
-  attributes.add(CKA_KEY_TYPE, keyType);
-  attributes.flag(CKA_TOKEN, false);
-  attributes.flag(CKA_PRIVATE, false);
+  attributes.key(CKO_PUBLIC_KEY, CKK_RSA, false, label);
   attributes.add(CKA_MODULUS, raw, rawLength);
-  attributes.add(CKA_PUBLIC_EXPONENT, kPublicExponent);
-  attributes.flag(CKA_VERIFY, true);
-  attributes.flag(CKA_ENCRYPT, true);
-  attributes.flag(CKA_WRAP, true);
-  attributes.text(CKA_LABEL, label);
+  addRsaPublicUsage(attributes);
   attributes.text(CKA_APPLICATION, application);
   return createObject(session, attributes.size(), attributes.data(),
                       "C_CreateObject (create_rsaPubKeyFromRaw)", outKey);
@@ -877,20 +880,18 @@ int32_t qn_pkcs11_hmac_internal(qn_pkcs11_session *session, const qn_pkcs11_key 
   qn_pkcs11_env *env = openSessionEnv(session, &rc);
   if (env == nullptr)
     return rc;
+  CK_FUNCTION_LIST_PTR f = env->functions;
   CK_MECHANISM parameters = {mechanism, nullptr, 0};
-  CK_RV rv = record(env, env->functions->C_SignInit(session->handle, &parameters, key->handle),
-                    "C_SignInit (HMAC)");
-  if (rv != CKR_OK)
-    return status(rv);
   CK_ULONG produced = *macLength;
-  rv = record(env,
-              env->functions->C_Sign(session->handle, const_cast<CK_BYTE *>(data), dataLength, mac,
-                                     &produced),
-              "C_Sign (HMAC)");
-  if (rv != CKR_OK)
-    return status(rv);
-  *macLength = static_cast<uint32_t>(produced);
-  return 0;
+  rc = initThenRun(
+      env, f->C_SignInit(session->handle, &parameters, key->handle), "C_SignInit (HMAC)",
+      [&] {
+        return f->C_Sign(session->handle, const_cast<CK_BYTE *>(data), dataLength, mac, &produced);
+      },
+      "C_Sign (HMAC)");
+  if (rc == 0)
+    *macLength = static_cast<uint32_t>(produced);
+  return rc;
 }
 
 int32_t qn_pkcs11_hmac_MD5(qn_pkcs11_session *session, const qn_pkcs11_key *key,
@@ -946,21 +947,21 @@ int32_t qn_pkcs11_encrypt_AESCBCPad(qn_pkcs11_session *session, const qn_pkcs11_
   rc = qn_pkcs11_getRandomBytes(session, nullptr, 0, iv.get(), QN_PKCS11_AES_IV_LENGTH);
   if (rc != 0)
     return rc;
+  CK_FUNCTION_LIST_PTR f = env->functions;
   CK_MECHANISM mechanism = {CKM_AES_CBC_PAD, iv.get(), QN_PKCS11_AES_IV_LENGTH};
-  CK_RV rv = record(env, env->functions->C_EncryptInit(session->handle, &mechanism, key->handle),
-                    "C_EncryptInit (encrypt_AESCBCPad)");
-  if (rv != CKR_OK)
-    return status(rv);
-  std::memcpy(out, iv.get(), QN_PKCS11_AES_IV_LENGTH);
   CK_ULONG produced = *outLength - QN_PKCS11_AES_IV_LENGTH;
-  rv = record(env,
-              env->functions->C_Encrypt(session->handle, const_cast<CK_BYTE *>(plaintext),
-                                        plaintextLength, out + QN_PKCS11_AES_IV_LENGTH, &produced),
-              "C_Encrypt (encrypt_AESCBCPad)");
-  if (rv != CKR_OK)
-    return status(rv);
-  *outLength = static_cast<uint32_t>(QN_PKCS11_AES_IV_LENGTH + produced);
-  return 0;
+  rc = initThenRun(
+      env, f->C_EncryptInit(session->handle, &mechanism, key->handle),
+      "C_EncryptInit (encrypt_AESCBCPad)",
+      [&] {
+        std::memcpy(out, iv.get(), QN_PKCS11_AES_IV_LENGTH);
+        return f->C_Encrypt(session->handle, const_cast<CK_BYTE *>(plaintext), plaintextLength,
+                            out + QN_PKCS11_AES_IV_LENGTH, &produced);
+      },
+      "C_Encrypt (encrypt_AESCBCPad)");
+  if (rc == 0)
+    *outLength = static_cast<uint32_t>(QN_PKCS11_AES_IV_LENGTH + produced);
+  return rc;
 }
 
 int32_t qn_pkcs11_decrypt_AESCBCPad(qn_pkcs11_session *session, const qn_pkcs11_key *key,
@@ -984,21 +985,20 @@ int32_t qn_pkcs11_decrypt_AESCBCPad(qn_pkcs11_session *session, const qn_pkcs11_
   if (iv.get() == nullptr)
     return QN_PKCS11_RC_ALLOC;
   std::memcpy(iv.get(), input, QN_PKCS11_AES_IV_LENGTH);
+  CK_FUNCTION_LIST_PTR f = env->functions;
   CK_MECHANISM mechanism = {CKM_AES_CBC_PAD, iv.get(), QN_PKCS11_AES_IV_LENGTH};
-  CK_RV rv = record(env, env->functions->C_DecryptInit(session->handle, &mechanism, key->handle),
-                    "C_DecryptInit (decrypt_AESCBCPad)");
-  if (rv != CKR_OK)
-    return status(rv);
   CK_ULONG produced = *outLength;
-  rv = record(env,
-              env->functions->C_Decrypt(session->handle,
-                                        const_cast<CK_BYTE *>(input) + QN_PKCS11_AES_IV_LENGTH,
-                                        ciphertextLength, out, &produced),
-              "C_Decrypt (decrypt_AESCBCPad)");
-  if (rv != CKR_OK)
-    return status(rv);
-  *outLength = static_cast<uint32_t>(produced);
-  return 0;
+  rc = initThenRun(
+      env, f->C_DecryptInit(session->handle, &mechanism, key->handle),
+      "C_DecryptInit (decrypt_AESCBCPad)",
+      [&] {
+        return f->C_Decrypt(session->handle, const_cast<CK_BYTE *>(input) + QN_PKCS11_AES_IV_LENGTH,
+                            ciphertextLength, out, &produced);
+      },
+      "C_Decrypt (decrypt_AESCBCPad)");
+  if (rc == 0)
+    *outLength = static_cast<uint32_t>(produced);
+  return rc;
 }
 
 // ---- RSA PKCS #1 v1.5 ----
@@ -1058,15 +1058,15 @@ int32_t qn_pkcs11_verify_pkcs1v15_RSA(qn_pkcs11_session *session, const qn_pkcs1
   qn_pkcs11_env *env = openSessionEnv(session, &rc);
   if (env == nullptr)
     return rc;
-  CK_RV rv = record(env, env->functions->C_VerifyInit(session->handle, &mechanism, key->handle),
-                    "C_VerifyInit (verify_pkcs1v15_RSA)");
-  if (rv != CKR_OK)
-    return status(rv);
-  return status(
-      record(env,
-             env->functions->C_Verify(session->handle, const_cast<CK_BYTE *>(data), dataLength,
-                                      const_cast<CK_BYTE *>(signature), signatureLength),
-             "C_Verify (verify_pkcs1v15_RSA)"));
+  CK_FUNCTION_LIST_PTR f = env->functions;
+  return initThenRun(
+      env, f->C_VerifyInit(session->handle, &mechanism, key->handle),
+      "C_VerifyInit (verify_pkcs1v15_RSA)",
+      [&] {
+        return f->C_Verify(session->handle, const_cast<CK_BYTE *>(data), dataLength,
+                           const_cast<CK_BYTE *>(signature), signatureLength);
+      },
+      "C_Verify (verify_pkcs1v15_RSA)");
 }
 
 int32_t qn_pkcs11_wrapSecret_PKCS1v15_RSA(qn_pkcs11_session *session,

@@ -1,6 +1,5 @@
 #include "crypto/pwhash.h"
 
-#include "support/env.h"
 #include "support/token.h"
 
 #include <openssl/evp.h>
@@ -9,39 +8,30 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <utility>
-#include <vector>
 
 namespace {
 
-std::string hex(const unsigned char *bytes, uint32_t length) {
-  static const char digits[] = "0123456789abcdef";
-  std::string text;
-  for (uint32_t i = 0; i < length; ++i) {
-    text += digits[bytes[i] >> 4];
-    text += digits[bytes[i] & 15];
-  }
-  return text;
-}
+using mfatest::Bytes;
 
 const unsigned char *bytes(const char *text) {
   return reinterpret_cast<const unsigned char *>(text);
 }
 
-std::vector<unsigned char> referencePbkdf2(const std::string &password, const std::string &salt,
-                                           int iterations, size_t length) {
-  std::vector<unsigned char> out(length);
+Bytes referencePbkdf2(const std::string &password, const std::string &salt, int iterations,
+                      size_t length) {
+  Bytes out(length);
   PKCS5_PBKDF2_HMAC_SHA1(password.data(), static_cast<int>(password.size()), bytes(salt.c_str()),
                          static_cast<int>(salt.size()), iterations, static_cast<int>(length),
                          out.data());
   return out;
 }
 
-// A software HMAC-SHA1 PRF that counts its life cycle and can be told to fail.
+// A software HMAC-SHA1 PRF that counts the states it made and released, and
+// can be told to fail.
 struct SoftPrf {
-  int keyings = 0;
-  int releases = 0;
-  int calls = 0;
+  int keyings = 0, releases = 0, calls = 0;
   int failAtCall = -1;  // PRF call number that returns 0
   int shortAtCall = -1; // PRF call number that produces 19 bytes
   int keyingResult = 1;
@@ -54,9 +44,9 @@ struct SoftState {
 
 int softKeying(void *argument, const unsigned char *password, uint32_t length, void **state) {
   auto *prf = static_cast<SoftPrf *>(argument);
-  ++prf->keyings;
   if (prf->keyingResult != 1)
     return prf->keyingResult;
+  ++prf->keyings;
   *state = new SoftState{prf, std::string(reinterpret_cast<const char *>(password), length)};
   return 1;
 }
@@ -75,34 +65,46 @@ int softRun(void *state, const unsigned char *data, uint32_t length, unsigned ch
 }
 
 void softRelease(void *state) {
-  auto *soft = static_cast<SoftState *>(state);
-  if (soft == nullptr)
-    return;
-  ++soft->prf->releases;
-  delete soft;
+  if (auto *soft = static_cast<SoftState *>(state)) {
+    ++soft->prf->releases;
+    delete soft;
+  }
+}
+
+// A PRF as the engine takes it: an argument for keying and three callbacks.
+struct Prf {
+  void *argument;
+  qn_pbkdf2_keying_fn keying;
+  qn_pbkdf2_prf_fn run;
+  qn_pbkdf2_release_fn release;
+};
+Prf soft(SoftPrf &prf) {
+  return {&prf, softKeying, softRun, softRelease};
+}
+// The token's HMAC-SHA1 bound exactly as the service binds it.
+Prf onToken(qn_pwhash_ctx *context) {
+  return {context, qn_pwhash_init_prf_context, qn_pwhash_prfexec_hmac_sha1,
+          qn_pwhash_free_prf_context};
 }
 
 struct EngineRun {
-  int created = 0;
-  int derived = 0;
-  std::vector<unsigned char> out;
-  void *failedState = nullptr;
+  int created = 0, derived = 0;
+  Bytes out;
+  void *failedState = nullptr; // for the caller to release
 };
 
-EngineRun runEngine(SoftPrf &prf, uint32_t mode, const std::string &password,
-                    const std::string &salt, uint32_t iterations, uint32_t dkLen) {
+EngineRun runEngine(Prf prf, uint32_t mode, const std::string &password, const std::string &salt,
+                    uint32_t iterations, uint32_t dkLen) {
   EngineRun run;
   qn_pbkdf2_ctx *context = nullptr;
-  run.created = qn_pbkdf2_ctx_init(bytes(password.c_str()), password.size(), bytes(salt.c_str()),
-                                   salt.size(), iterations, dkLen, 20, &prf, mode, softKeying,
-                                   softRun, softRelease, &context);
+  run.created = qn_pbkdf2_ctx_init(bytes(password.data()), password.size(), bytes(salt.data()),
+                                   salt.size(), iterations, dkLen, 20, prf.argument, mode,
+                                   prf.keying, prf.run, prf.release, &context);
   if (context != nullptr) {
     run.out.assign(dkLen, 0xEE);
     uint32_t length = dkLen;
     run.derived = qn_pbkdf2_exec(context, run.out.data(), &length, &run.failedState);
-    if (run.derived == 1) {
-      EXPECT_EQ(length, dkLen);
-    }
+    EXPECT_TRUE(run.derived != 1 || length == dkLen);
     qn_pbkdf2_ctx_destroy(context);
   }
   return run;
@@ -112,7 +114,7 @@ TEST(Pbkdf2Engine, BothModesGiveStandardOutput) {
   for (uint32_t mode : {QN_PBKDF2_MODE_KEY_ONCE, QN_PBKDF2_MODE_KEY_PER_BLOCK, 9u}) {
     SCOPED_TRACE(mode);
     SoftPrf prf;
-    EngineRun run = runEngine(prf, mode, "password", "saltSALTsaltSALT", 7, 45);
+    EngineRun run = runEngine(soft(prf), mode, "password", "saltSALTsaltSALT", 7, 45);
     ASSERT_EQ(run.created, 1);
     ASSERT_EQ(run.derived, 1);
     EXPECT_EQ(run.out, referencePbkdf2("password", "saltSALTsaltSALT", 7, 45));
@@ -150,68 +152,55 @@ TEST(Pbkdf2Engine, ParameterChecksAtCreation) {
 
 TEST(Pbkdf2Engine, FailuresHandTheKeyedStateBack) {
   for (uint32_t mode : {QN_PBKDF2_MODE_KEY_ONCE, QN_PBKDF2_MODE_KEY_PER_BLOCK}) {
-    SCOPED_TRACE(mode);
-    // A PRF failure in the second block.
-    SoftPrf failing;
-    failing.failAtCall = 4;
-    EngineRun run = runEngine(failing, mode, "pw", "salt", 3, 32);
-    EXPECT_EQ(run.derived, 0);
-    ASSERT_NE(run.failedState, nullptr);
-    EXPECT_EQ(failing.releases, mode == QN_PBKDF2_MODE_KEY_ONCE ? 0 : 1);
-    softRelease(run.failedState);
-    EXPECT_EQ(failing.releases, failing.keyings);
-
-    // A PRF that produces the wrong length.
-    SoftPrf shortOutput;
-    shortOutput.shortAtCall = 1;
-    run = runEngine(shortOutput, mode, "pw", "salt", 3, 32);
-    EXPECT_EQ(run.derived, 0);
-    softRelease(run.failedState);
-    EXPECT_EQ(shortOutput.releases, shortOutput.keyings);
-
-    // A keying failure before the first block is returned as it is; inside a
-    // block it fails the derivation. No state is left to release.
-    SoftPrf refusing;
-    refusing.keyingResult = 7;
-    run = runEngine(refusing, mode, "pw", "salt", 3, 32);
-    EXPECT_EQ(run.derived, mode == QN_PBKDF2_MODE_KEY_ONCE ? 7 : 0);
-    EXPECT_EQ(run.failedState, nullptr);
+    bool once = mode == QN_PBKDF2_MODE_KEY_ONCE;
+    // A PRF failure in the second block, a PRF producing the wrong length, and
+    // a keying failure: before the first block it is returned as it is, inside
+    // a block it fails the derivation and leaves no state.
+    SoftPrf failing{.failAtCall = 4}, shortOutput{.shortAtCall = 1}, refusing{.keyingResult = 7};
+    for (auto [prf, derived, keyedState] :
+         {std::tuple{&failing, 0, true}, std::tuple{&shortOutput, 0, true},
+          std::tuple{&refusing, once ? 7 : 0, false}}) {
+      SCOPED_TRACE(testing::Message() << "mode " << mode << ", derived " << derived);
+      EngineRun run = runEngine(soft(*prf), mode, "pw", "salt", 3, 32);
+      EXPECT_EQ(run.derived, derived);
+      EXPECT_EQ(run.failedState != nullptr, keyedState);
+      softRelease(run.failedState);
+      EXPECT_EQ(prf->releases, prf->keyings);
+    }
   }
 }
 
 using mfatest::TokenTest;
 
-// The engine bound to the token's HMAC-SHA1 exactly as the service binds it.
-std::vector<unsigned char> tokenPbkdf2(qn_pwhash_ctx *context, const std::string &password,
-                                       const std::string &salt, uint32_t iterations,
-                                       uint32_t dkLen) {
-  qn_pbkdf2_ctx *pbkdf2 = nullptr;
-  EXPECT_EQ(qn_pbkdf2_ctx_init(bytes(password.data()), password.size(), bytes(salt.data()),
-                               salt.size(), iterations, dkLen, 20, context, QN_PBKDF2_MODE_KEY_ONCE,
-                               qn_pwhash_init_prf_context, qn_pwhash_prfexec_hmac_sha1,
-                               qn_pwhash_free_prf_context, &pbkdf2),
-            1);
-  std::vector<unsigned char> out(dkLen);
-  uint32_t length = dkLen;
-  void *failedState = nullptr;
-  int rc = qn_pbkdf2_exec(pbkdf2, out.data(), &length, &failedState);
-  qn_pwhash_free_prf_context(failedState);
-  qn_pbkdf2_ctx_destroy(pbkdf2);
-  EXPECT_EQ(rc, 1);
-  return out;
+Bytes tokenPbkdf2(qn_pwhash_ctx *context, const std::string &password, const std::string &salt,
+                  uint32_t iterations, uint32_t dkLen) {
+  EngineRun run =
+      runEngine(onToken(context), QN_PBKDF2_MODE_KEY_ONCE, password, salt, iterations, dkLen);
+  EXPECT_EQ(std::pair(run.created, run.derived), std::pair(1, 1));
+  qn_pwhash_free_prf_context(run.failedState);
+  return run.out;
 }
 
 using PwhashContext = std::unique_ptr<qn_pwhash_ctx, decltype(&qn_pwhash_ctx_destroy)>;
 
+PwhashContext makeContext(uint32_t iterations, qn_pkcs11_session *session) {
+  qn_pwhash_ctx *context = nullptr;
+  EXPECT_EQ(qn_pwhash_ctx_init(iterations, 16, 32, session, &context), 0);
+  return PwhashContext(context, qn_pwhash_ctx_destroy);
+}
+
+int verify(qn_pwhash_ctx *context, uint32_t iterations, const std::string &password,
+           const std::string &salt, const Bytes &derived, uint32_t derivedLength) {
+  int matched = -1;
+  int rc =
+      qn_pwhash_verify(context, iterations, password.data(), static_cast<uint32_t>(password.size()),
+                       bytes(salt.data()), static_cast<uint32_t>(salt.size()), derived.data(),
+                       derivedLength, &matched);
+  return rc != 0 ? -rc : matched;
+}
+
 class PwhashTokenTest : public TokenTest {
 protected:
-  PwhashContext makeContext(uint32_t iterations, uint32_t saltLength = 16,
-                            uint32_t derivedLength = 32) {
-    qn_pwhash_ctx *context = nullptr;
-    EXPECT_EQ(qn_pwhash_ctx_init(iterations, saltLength, derivedLength, session(), &context), 0);
-    return PwhashContext(context, qn_pwhash_ctx_destroy);
-  }
-
   // Secret keys visible to the session: a derivation must leave none behind.
   CK_ULONG countSecretKeys() {
     CK_FUNCTION_LIST_PTR p11 = token().env()->functions;
@@ -220,8 +209,7 @@ protected:
     CK_SESSION_HANDLE handle = session()->handle;
     EXPECT_EQ(p11->C_FindObjectsInit(handle, filter, 1), CKR_OK);
     CK_OBJECT_HANDLE found[64];
-    CK_ULONG total = 0;
-    CK_ULONG count = 0;
+    CK_ULONG total = 0, count = 0;
     do {
       EXPECT_EQ(p11->C_FindObjects(handle, found, 64, &count), CKR_OK);
       total += count;
@@ -231,15 +219,12 @@ protected:
   }
 };
 
-struct Rfc6070Vector {
-  std::string password;
-  std::string salt;
-  uint32_t iterations;
-  const char *derived;
-};
-
 TEST_P(PwhashTokenTest, Rfc6070VectorsThroughTheTokenPrf) {
-  const Rfc6070Vector vectors[] = {
+  const struct {
+    std::string password, salt;
+    uint32_t iterations;
+    const char *derived;
+  } vectors[] = {
       {"password", "salt", 1, "0c60c80f961f0e71f3a9b524af6012062fe037a6"},
       {"password", "salt", 2, "ea6c014dc72d6f8ccd1ed92ace1d41f0d8de8957"},
       {"password", "salt", 4096, "4b007901b765489abead49d926f721d065a429c1"},
@@ -248,21 +233,16 @@ TEST_P(PwhashTokenTest, Rfc6070VectorsThroughTheTokenPrf) {
       {std::string("pass\0word", 9), std::string("sa\0lt", 5), 4096,
        "56fa6aa75548099dcc37d7f03425e0c3"},
   };
-  PwhashContext context = makeContext(1);
+  PwhashContext context = makeContext(1, session());
   CK_ULONG keysBefore = countSecretKeys();
   for (const auto &vector : vectors) {
     SCOPED_TRACE(vector.derived);
-    uint32_t dkLen = static_cast<uint32_t>(strlen(vector.derived) / 2);
-    std::vector<unsigned char> derived =
+    auto dkLen = static_cast<uint32_t>(strlen(vector.derived) / 2);
+    Bytes derived =
         tokenPbkdf2(context.get(), vector.password, vector.salt, vector.iterations, dkLen);
-    EXPECT_EQ(hex(derived.data(), dkLen), vector.derived);
-
-    int matched = 0;
-    EXPECT_EQ(qn_pwhash_verify(context.get(), vector.iterations, vector.password.data(),
-                               vector.password.size(), bytes(vector.salt.data()),
-                               vector.salt.size(), derived.data(), dkLen, &matched),
-              0);
-    EXPECT_EQ(matched, 1);
+    EXPECT_EQ(mfatest::hex(derived), vector.derived);
+    EXPECT_EQ(
+        verify(context.get(), vector.iterations, vector.password, vector.salt, derived, dkLen), 1);
   }
   EXPECT_EQ(countSecretKeys(), keysBefore);
 }
@@ -270,100 +250,71 @@ TEST_P(PwhashTokenTest, Rfc6070VectorsThroughTheTokenPrf) {
 // Short passwords are padded inside the token layer and long ones are hashed
 // by HMAC itself: every length must still give standard PBKDF2.
 TEST_P(PwhashTokenTest, EveryPasswordLengthMatchesOpenSsl) {
-  PwhashContext context = makeContext(2);
+  PwhashContext context = makeContext(2, session());
   const std::string salt = "0123456789abcdef";
-  for (size_t length = 0; length <= 100; ++length) {
+  std::string password;
+  EXPECT_EQ(verify(context.get(), 2, "", salt, referencePbkdf2("", salt, 2, 32), 32), 1);
+  for (size_t length = 1; length <= 100; ++length) {
     SCOPED_TRACE(length);
-    std::string password;
-    for (size_t i = 0; i < length; ++i)
-      password += static_cast<char>(i * 29 + 1);
-    std::vector<unsigned char> expected = referencePbkdf2(password, salt, 2, 32);
-    if (length == 0) {
-      int matched = 0;
-      ASSERT_EQ(qn_pwhash_verify(context.get(), 2, "", 0, bytes(salt.data()), salt.size(),
-                                 expected.data(), 32, &matched),
-                0);
-      EXPECT_EQ(matched, 1);
-      continue;
-    }
-    EXPECT_EQ(tokenPbkdf2(context.get(), password, salt, 2, 32), expected);
+    password += static_cast<char>(length * 29 + 1);
+    EXPECT_EQ(tokenPbkdf2(context.get(), password, salt, 2, 32),
+              referencePbkdf2(password, salt, 2, 32));
   }
 }
 
 TEST_P(PwhashTokenTest, ProtectThenVerify) {
-  PwhashContext context = makeContext(50);
+  PwhashContext context = makeContext(50, session());
   unsigned char salt[20];
-  unsigned char derived[40];
-  uint32_t saltLength = sizeof(salt);
-  uint32_t derivedLength = sizeof(derived);
-  ASSERT_EQ(qn_pwhash_protect(context.get(), "correct horse", 13, salt, &saltLength, derived,
+  Bytes derived(40);
+  uint32_t saltLength = sizeof(salt), derivedLength = 40;
+  ASSERT_EQ(qn_pwhash_protect(context.get(), "correct horse", 13, salt, &saltLength, derived.data(),
                               &derivedLength),
             0);
-  ASSERT_EQ(saltLength, 16u);
-  ASSERT_EQ(derivedLength, 32u);
-  EXPECT_EQ(
-      std::vector<unsigned char>(derived, derived + 32),
-      referencePbkdf2("correct horse", std::string(reinterpret_cast<char *>(salt), 16), 50, 32));
-
-  int matched = -1;
-  EXPECT_EQ(
-      qn_pwhash_verify(context.get(), 50, "correct horse", 13, salt, 16, derived, 32, &matched), 0);
-  EXPECT_EQ(matched, 1);
-  EXPECT_EQ(
-      qn_pwhash_verify(context.get(), 50, "correct horsf", 13, salt, 16, derived, 32, &matched), 0);
-  EXPECT_EQ(matched, 0);
+  ASSERT_EQ(std::pair(saltLength, derivedLength), std::pair(16u, 32u));
+  std::string saltText(reinterpret_cast<char *>(salt), 16);
+  derived.resize(32);
+  EXPECT_EQ(derived, referencePbkdf2("correct horse", saltText, 50, 32));
+  EXPECT_EQ(verify(context.get(), 50, "correct horse", saltText, derived, 32), 1);
+  EXPECT_EQ(verify(context.get(), 50, "correct horsf", saltText, derived, 32), 0);
   // The stored count governs, not the context's.
-  EXPECT_EQ(
-      qn_pwhash_verify(context.get(), 49, "correct horse", 13, salt, 16, derived, 32, &matched), 0);
-  EXPECT_EQ(matched, 0);
+  EXPECT_EQ(verify(context.get(), 49, "correct horse", saltText, derived, 32), 0);
 
   // Recompute uses only the configured number of leading salt bytes.
-  unsigned char again[32];
-  uint32_t againLength = sizeof(again);
-  ASSERT_EQ(qn_pwhash_recompute(context.get(), "correct horse", 13, salt, sizeof(salt), again,
-                                &againLength),
+  Bytes again(32);
+  uint32_t againLength = 32;
+  ASSERT_EQ(qn_pwhash_recompute(context.get(), "correct horse", 13, salt, sizeof(salt),
+                                again.data(), &againLength),
             0);
-  EXPECT_EQ(againLength, 32u);
-  EXPECT_EQ(memcmp(again, derived, 32), 0);
+  EXPECT_EQ(again, derived);
 
-  // A second password gets a fresh salt.
+  // Protecting the same password again gives a fresh salt.
   unsigned char otherSalt[16];
-  uint32_t otherSaltLength = sizeof(otherSalt);
-  derivedLength = 32;
-  ASSERT_EQ(qn_pwhash_protect(context.get(), "correct horse", 13, otherSalt, &otherSaltLength,
-                              derived, &derivedLength),
+  saltLength = sizeof(otherSalt);
+  ASSERT_EQ(qn_pwhash_protect(context.get(), "correct horse", 13, otherSalt, &saltLength,
+                              again.data(), &againLength),
             0);
   EXPECT_NE(memcmp(otherSalt, salt, 16), 0);
 }
 
 TEST_P(PwhashTokenTest, ParameterRefusals) {
   unsigned char salt[16] = {1, 2, 3};
-  unsigned char derived[32] = {};
-  uint32_t saltLength = sizeof(salt);
-  uint32_t derivedLength = sizeof(derived);
-  int matched = -1;
-
-  PwhashContext tooMany = makeContext(QN_PBKDF2_MAX_ITERATIONS + 1);
-  EXPECT_EQ(qn_pwhash_protect(tooMany.get(), "pw", 2, salt, &saltLength, derived, &derivedLength),
+  Bytes derived(32);
+  uint32_t saltLength = sizeof(salt), derivedLength = 32;
+  std::string saltText(reinterpret_cast<char *>(salt), 16);
+  constexpr uint32_t tooMany = QN_PBKDF2_MAX_ITERATIONS + 1;
+  PwhashContext context = makeContext(tooMany, session());
+  EXPECT_EQ(
+      qn_pwhash_protect(context.get(), "pw", 2, salt, &saltLength, derived.data(), &derivedLength),
+      QN_RC_PBKDF2_PARAMETERS);
+  EXPECT_EQ(qn_pwhash_recompute(context.get(), "pw", 2, salt, 16, derived.data(), &derivedLength),
             QN_RC_PBKDF2_PARAMETERS);
-  EXPECT_EQ(qn_pwhash_recompute(tooMany.get(), "pw", 2, salt, 16, derived, &derivedLength),
-            QN_RC_PBKDF2_PARAMETERS);
-  EXPECT_EQ(qn_pwhash_verify(tooMany.get(), QN_PBKDF2_MAX_ITERATIONS + 1, "pw", 2, salt, 16,
-                             derived, 32, &matched),
-            QN_RC_PBKDF2_PARAMETERS);
-  EXPECT_EQ(matched, 0);
-  EXPECT_EQ(qn_pwhash_verify(tooMany.get(), 1, "pw", 2, salt, 16, derived, 7, &matched),
-            QN_RC_PBKDF2_PARAMETERS);
-
+  EXPECT_EQ(verify(context.get(), tooMany, "pw", saltText, derived, 32), -QN_RC_PBKDF2_PARAMETERS);
+  EXPECT_EQ(verify(context.get(), 1, "pw", saltText, derived, 7), -QN_RC_PBKDF2_PARAMETERS);
   // Zero iterations are not refused: the key is all zeros.
-  EXPECT_EQ(qn_pwhash_verify(tooMany.get(), 0, "pw", 2, salt, 16, derived, 32, &matched), 0);
-  EXPECT_EQ(matched, 1);
-
+  EXPECT_EQ(verify(context.get(), 0, "pw", saltText, derived, 32), 1);
   // Without a context the keying fails inside the derivation.
-  EXPECT_EQ(qn_pwhash_verify(nullptr, 1, "pw", 2, salt, 16, derived, 32, &matched),
-            QN_RC_PBKDF2_FAILED);
-  EXPECT_EQ(qn_pwhash_verify(tooMany.get(), 1, "pw", 2, salt, 0, derived, 32, &matched),
-            QN_RC_MISSING_ARGUMENT);
+  EXPECT_EQ(verify(nullptr, 1, "pw", saltText, derived, 32), -QN_RC_PBKDF2_FAILED);
+  EXPECT_EQ(verify(context.get(), 1, "pw", "", derived, 32), -QN_RC_MISSING_ARGUMENT);
 }
 
 MFA_INSTANTIATE_ON_TOKENS(PwhashTokenTest);
@@ -371,14 +322,9 @@ MFA_INSTANTIATE_ON_TOKENS(PwhashTokenTest);
 // Buffer checks come before the token is used: a context without a session
 // would fail with the token layer's missing-argument code otherwise.
 TEST(Pwhash, BufferChecksPrecedeTheToken) {
-  qn_pwhash_ctx *raw = nullptr;
-  ASSERT_EQ(qn_pwhash_ctx_init(10, 16, 32, nullptr, &raw), 0);
-  PwhashContext context(raw, qn_pwhash_ctx_destroy);
-  EXPECT_EQ(memcmp(context->eyecatcher, "QNPWHASH", 8), 0);
-  unsigned char salt[16];
-  unsigned char derived[32];
-  uint32_t saltLength = 15;
-  uint32_t derivedLength = 32;
+  PwhashContext context = makeContext(10, nullptr);
+  unsigned char salt[16], derived[32];
+  uint32_t saltLength = 15, derivedLength = 32;
   EXPECT_EQ(qn_pwhash_protect(context.get(), "pw", 2, salt, &saltLength, derived, &derivedLength),
             QN_RC_SALT_TOO_SHORT);
   saltLength = 16;
@@ -392,7 +338,6 @@ TEST(Pwhash, BufferChecksPrecedeTheToken) {
   EXPECT_EQ(qn_pwhash_recompute(context.get(), "pw", 2, salt, 16, derived, &derivedLength),
             QN_RC_OUTPUT_TOO_SHORT);
   EXPECT_EQ(qn_pwhash_ctx_init(1, 1, 1, nullptr, nullptr), QN_RC_MISSING_ARGUMENT);
-  qn_pwhash_ctx_destroy(nullptr);
 }
 
 } // namespace

@@ -16,6 +16,16 @@
 
 namespace mfatest {
 
+std::string hex(const unsigned char *bytes, std::size_t length) {
+  static const char digits[] = "0123456789abcdef";
+  std::string text;
+  for (std::size_t i = 0; i < length; ++i) {
+    text += digits[bytes[i] >> 4];
+    text += digits[bytes[i] & 15];
+  }
+  return text;
+}
+
 const TokenService &tokenService(TokenKind kind) {
   static const TokenService softHsm = {"SoftHSM", "MFA_SOFTHSM_MODULE", "MFA_TEST_TOKEN_LABEL"};
   static const TokenService openCryptoki = {"openCryptoki", "MFA_OPENCRYPTOKI_MODULE",

@@ -1,4 +1,5 @@
-// Test fixture for the software PKCS#11 tokens that scripts/test starts.
+// Test fixture for the software PKCS#11 tokens that scripts/test starts, and
+// small helpers shared by the crypto suites.
 #pragma once
 
 #include "crypto/pkcs11.h"
@@ -6,12 +7,32 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace mfatest {
+
+using Bytes = std::vector<unsigned char>;
+
+// Lower-case hex, for comparing with published vectors.
+std::string hex(const unsigned char *bytes, std::size_t length);
+inline std::string hex(const Bytes &bytes) {
+  return hex(bytes.data(), bytes.size());
+}
+inline Bytes bytesOf(std::string_view text) {
+  return Bytes(text.begin(), text.end());
+}
+
+// The status a call returns together with what it prints on stdout.
+template <typename Call> std::pair<int32_t, std::string> statusAndOutput(Call call) {
+  int32_t rc = 0;
+  std::string out = captureStdout([&] { rc = static_cast<int32_t>(call()); });
+  return {rc, out};
+}
 
 enum class TokenKind { SoftHsm, OpenCryptoki };
 void PrintTo(TokenKind kind, std::ostream *out);
@@ -83,8 +104,14 @@ private:
 // Parameterised over both tokens; instantiate with MFA_INSTANTIATE_ON_TOKENS.
 class TokenTest : public testing::TestWithParam<TokenKind>, protected TokenFixture {
 protected:
-  void SetUp() override { openToken(GetParam()); }
+  void SetUp() override {
+    openToken(GetParam());
+    if (!IsSkipped() && !HasFatalFailure())
+      prepare();
+  }
   void TearDown() override { closeToken(); }
+  // A suite's own setup, run once the token is open.
+  virtual void prepare() {}
 };
 
 // On the SoftHSM2 token only.
