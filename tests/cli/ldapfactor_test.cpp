@@ -8,10 +8,7 @@
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -243,37 +240,28 @@ TEST_F(LdapFactorTool, FieldDescriptionShowsTheStoredValues) {
                                       std::regex(R"(,"fieldValue":"[^"]*"|"fieldValue":17,)"), ""));
 }
 
-// Reading and committing while the database refuses connections: a TCP port
-// that is bound, so nobody else takes it, but never listens.
+// Reading and committing while no server runs: a socket directory that does
+// not exist.
 TEST(LdapFactorDatabaseDown, ReadingAndCommitting) {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), size), 0);
-  ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size), 0);
-  const std::string port = std::to_string(ntohs(address.sin_port));
-  PGconn *probe = PQconnectdb(("dbname=mfadb host=127.0.0.1 port=" + port).c_str());
-  const std::string refused =
+  const Environment down = {{"PGHOST", "/nonexistent/mfa"}, {"PGPORT", "5432"}};
+  PGconn *probe = PQconnectdb("dbname=mfadb host=/nonexistent/mfa port=5432");
+  const std::string noServer =
       std::string("Connection to database failed: ") + PQerrorMessage(probe);
   PQfinish(probe);
-  ASSERT_NE(refused.find("refused"), std::string::npos) << refused;
-  const Environment down = {{"PGHOST", "127.0.0.1"}, {"PGPORT", port}};
+  ASSERT_NE(noServer.find("/nonexistent/mfa"), std::string::npos) << noServer;
 
   const std::string readFailed =
-      refused + "<stamp> QMXLDAP1:pq_userMFAData_create error (userid=alice,status=80101)\n" +
+      noServer + "<stamp> QMXLDAP1:pq_userMFAData_create error (userid=alice,status=80101)\n" +
       unable("alice", 1200052);
   const Values given = {"cn=alice", kNotSet, kNotSet, kNotSet};
   expectRun({{"alice", "cn=alice"}, readFailed + pending("alice", given), 1200052 & 0xff}, down);
   expectRun({{"alice", "cn=alice", "COMMIT"},
-             readFailed + block("Pending QMXLDAP1 tag data for user ", "alice", given) + refused +
+             readFailed + block("Pending QMXLDAP1 tag data for user ", "alice", given) + noServer +
                  "<stamp> QMXLDAP1:Error setting LDAP factor data (sts=80101)\n",
              80101 & 0xff,
              "KVTR2406E K_factor error: gavrc=0, korsrc=0, korsrsn=0x0 (Set user factor data, "
              "factor=QMXLDAP1, userid=alice, sts=80101)\n"},
             down);
-  close(fd);
 }
 
 } // namespace
