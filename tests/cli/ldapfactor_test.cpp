@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <regex>
-#include <sstream>
 
 namespace {
 
@@ -71,16 +70,12 @@ std::string readBack(int fd) {
 
 // Runs the tool with the row's arguments and the test's environment with
 // overrides set, and compares what it wrote and its exit status with the row.
-// MFA_LDAPFACTOR_WRAPPER, a blank-separated command, is put in front of the
-// tool when set (the valgrind runs use it).
+// The shell puts the words of MFA_LDAPFACTOR_WRAPPER, when set, in front of
+// the tool (the valgrind runs use it).
 void expectRun(const Row &row, const Environment &overrides = {}) {
   SCOPED_TRACE(testing::PrintToString(row.args));
-  std::vector<std::string> words;
-  const char *prefix = getenv("MFA_LDAPFACTOR_WRAPPER");
-  std::istringstream wrapper(prefix != nullptr ? prefix : "");
-  for (std::string word; wrapper >> word;)
-    words.push_back(word);
-  words.push_back(kTool);
+  std::vector<std::string> words = {"/bin/sh", "-c", R"(exec $MFA_LDAPFACTOR_WRAPPER "$0" "$@")",
+                                    kTool};
   words.insert(words.end(), row.args.begin(), row.args.end());
   std::vector<char *> argv;
   for (std::string &word : words)
@@ -95,7 +90,7 @@ void expectRun(const Row &row, const Environment &overrides = {}) {
       setenv(name.c_str(), value.c_str(), 1);
     dup2(out, STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
-    execvp(argv[0], argv.data());
+    execv(argv[0], argv.data());
     _exit(127);
   }
   int wstatus = 0;
