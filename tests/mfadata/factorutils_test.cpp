@@ -50,36 +50,29 @@ TEST(Clock, ReadingsAgreeWithTheSystemClock) {
   EXPECT_TRUE(value >= 1 && value <= 256) << value;
 }
 
-TEST(MakeString, DropsTrailingBlanksAndZeros) {
-  for (const auto &[field, expected] : {std::pair<std::string, const char *>{"    ", ""},
-                                        {std::string("AB \0 \0", 6), "AB"},
-                                        {"  lead  ", "  lead"}}) {
-    char *text = makeString(field.data(), static_cast<int>(field.size()));
-    ASSERT_NE(text, nullptr);
-    EXPECT_STREQ(text, expected);
-    safeFree(text, static_cast<int>(strlen(text)) + 1);
-  }
-  EXPECT_EQ(makeString("abc", -1), nullptr);
+// The text of a checked-allocation copy, which it releases, or "<null>".
+std::string taken(char *copy) {
+  const std::string text = copy != nullptr ? copy : "<null>";
+  if (copy != nullptr)
+    safeFree(copy, static_cast<int>(strlen(copy)) + 1);
+  return text;
 }
 
-// Both trimming copies must agree; the heap one lives in its SLH.
-TEST(Trimming, BothCopiesTrimWhiteSpaceAlike) {
-  auto shown = [](const char *text) { return std::string(text != nullptr ? text : "<null>"); };
+TEST(TextHelpers, TrimmingAndPrintableChecks) {
+  EXPECT_EQ(taken(makeString("    ", 4)), "");
+  EXPECT_EQ(taken(makeString("  lead \0 \0", 10)), "  lead");
+  EXPECT_EQ(taken(makeString("abc", -1)), "<null>");
+
+  // Both trimming copies agree; the heap one lives in its SLH.
   ShortLivedHeap *slh = makeShortLivedHeap(4096, 4);
-  for (const auto &[text, expected] : {std::pair<const char *, const char *>{nullptr, nullptr},
-                                       {"", nullptr},
-                                       {" \t\n ", nullptr},
-                                       {" \ta b\r\n", "a b"}}) {
-    char *copy = VELDLIBC_copyTrimmingLeadingTrailingSpaces(text);
-    EXPECT_EQ(shown(copy), shown(expected));
-    EXPECT_EQ(shown(VELDLIBC_slhCopyTrimmingLeadingTrailingSpaces(slh, text)), shown(expected));
-    if (copy != nullptr)
-      safeFree(copy, static_cast<int>(strlen(copy)) + 1);
+  for (const char *blank : {static_cast<const char *>(nullptr), "", " \t\n "}) {
+    EXPECT_EQ(VELDLIBC_copyTrimmingLeadingTrailingSpaces(blank), nullptr);
+    EXPECT_EQ(VELDLIBC_slhCopyTrimmingLeadingTrailingSpaces(slh, blank), nullptr);
   }
+  EXPECT_EQ(taken(VELDLIBC_copyTrimmingLeadingTrailingSpaces(" \ta b\r\n")), "a b");
+  EXPECT_STREQ(VELDLIBC_slhCopyTrimmingLeadingTrailingSpaces(slh, " \ta b\r\n"), "a b");
   SLHFree(slh);
-}
 
-TEST(PrintableOnly, BlanksAndControlsAreRejected) {
   for (const char *text : {"", "A1~!{}"})
     EXPECT_EQ(isStringHasPrintableCharsOnly(text), 1) << text;
   for (const char *text : {"a b", "tab\t", "\x7f", "caf\xc3\xa9"})
