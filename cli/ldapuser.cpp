@@ -4,6 +4,7 @@
 #include "base/jsonprint.h"
 #include "mfadata/factordata.h"
 #include "mfadata/factorutils.h"
+#include "mfadata/usermfadata_internal.h"
 
 #include <array>
 #include <cstdio>
@@ -47,16 +48,18 @@ void printErrorPrefix(const char *factorName) {
   printf("%s:", factorName);
 }
 
-// Releases a string writer printer on every path out of a scope.
-struct PrinterGuard {
-  jsonPrinter *printer;
-  ~PrinterGuard() { destroyStringWriterCustomJsonPrinter(printer); }
-};
+using PrinterPtr = mfadata::Owned<jsonPrinter, destroyStringWriterCustomJsonPrinter>;
 
-// Hands out a copy of the printer's text and its length.
-int copyPrinterText(jsonPrinter *printer, char **json, int *length) {
-  int textLength = static_cast<int>(SWCJP_getLength(printer));
-  char *copy = duplicateStringWithSize(SWCJP_getStringPtr(printer), textLength);
+// Runs write on a string writer and hands out a copy of the text and its
+// length; a non-zero status from write is returned as it is.
+template <typename Write> int writeJson(char **json, int *length, Write write) {
+  PrinterPtr printer(makeStringWriterCustomJsonPrinter(kJsonCapacity));
+  if (printer == nullptr)
+    return LDAPUSER_WRITER_OUT_OF_MEMORY;
+  if (int status = write(printer.get()))
+    return status;
+  int textLength = static_cast<int>(SWCJP_getLength(printer.get()));
+  char *copy = duplicateStringWithSize(SWCJP_getStringPtr(printer.get()), textLength);
   if (copy == nullptr)
     return LDAPUSER_WRITER_OUT_OF_MEMORY;
   *json = copy;
@@ -232,72 +235,66 @@ int ldapuser_createTagsFieldsJson(dbctx *context, const char *factorName, const 
   // Without stored data the fields are described without values.
   ldapuser_retrieveFromKORS(context, factorName, userid, &user);
 
-  PrinterGuard guard{makeStringWriterCustomJsonPrinter(kJsonCapacity)};
-  jsonPrinter *printer = guard.printer;
-  if (printer == nullptr) {
-    ldapuser_destroy(user);
-    return LDAPUSER_WRITER_OUT_OF_MEMORY;
-  }
-  static constexpr const char *kLabels[] = {"Fully Qualified DN", "Search value 1",
-                                            "Search value 2", "Search value 3",
-                                            "Last search timestamp"};
-  auto startField = [&](int tag) {
-    jsonStartObject(printer, nullptr);
-    jsonAddString(printer, "fieldLabel", kLabels[tag]);
-    jsonAddString(printer, "fieldType", "textField");
-    jsonAddString(printer, "fieldName", kTagNames[tag].data());
-  };
-  jsonStartArray(printer, "fields");
-  for (int tag = kDN; tag < kLastSearch; tag++) {
-    startField(tag);
+  int status = writeJson(json, length, [user](jsonPrinter *printer) {
+    static constexpr const char *kLabels[] = {"Fully Qualified DN", "Search value 1",
+                                              "Search value 2", "Search value 3",
+                                              "Last search timestamp"};
+    auto startField = [&](int tag) {
+      jsonStartObject(printer, nullptr);
+      jsonAddString(printer, "fieldLabel", kLabels[tag]);
+      jsonAddString(printer, "fieldType", "textField");
+      jsonAddString(printer, "fieldName", kTagNames[tag].data());
+    };
+    jsonStartArray(printer, "fields");
+    for (int tag = kDN; tag < kLastSearch; tag++) {
+      startField(tag);
+      jsonStartObject(printer, "fieldAttr");
+      jsonAddInt(printer, "isOptional", 1);
+      jsonAddInt(printer, "maxLength", LDAPUSER_MAX_VALUE_LENGTH);
+      jsonEndObject(printer);
+      if (user != nullptr)
+        jsonAddString(printer, "fieldValue", *valueField(user, tag));
+      jsonEndObject(printer);
+    }
+    // The counter is shown, not edited, and carries its value ahead of its
+    // attributes.
+    startField(kLastSearch);
+    if (user != nullptr)
+      jsonAddUInt(printer, "fieldValue", user->lastSearch);
     jsonStartObject(printer, "fieldAttr");
     jsonAddInt(printer, "isOptional", 1);
-    jsonAddInt(printer, "maxLength", LDAPUSER_MAX_VALUE_LENGTH);
+    jsonAddInt(printer, "displayOnly", 1);
     jsonEndObject(printer);
-    if (user != nullptr)
-      jsonAddString(printer, "fieldValue", *valueField(user, tag));
     jsonEndObject(printer);
-  }
-  // The counter is shown, not edited, and carries its value ahead of its
-  // attributes.
-  startField(kLastSearch);
-  if (user != nullptr)
-    jsonAddUInt(printer, "fieldValue", user->lastSearch);
-  jsonStartObject(printer, "fieldAttr");
-  jsonAddInt(printer, "isOptional", 1);
-  jsonAddInt(printer, "displayOnly", 1);
-  jsonEndObject(printer);
-  jsonEndObject(printer);
-  jsonEndArray(printer);
-
+    jsonEndArray(printer);
+    return 0;
+  });
   ldapuser_destroy(user);
-  return copyPrinterText(printer, json, length);
+  return status;
 }
 
 int ldapuser_validateTagsFieldsJson(void * /* unused */, JsonArray *fields, char **json,
                                     int *length) {
   if (fields == nullptr || json == nullptr || length == nullptr)
     return LDAPUSER_CONVERSION_ARGUMENT;
-  PrinterGuard guard{makeStringWriterCustomJsonPrinter(kJsonCapacity)};
-  jsonPrinter *printer = guard.printer;
-  if (printer == nullptr)
-    return LDAPUSER_WRITER_OUT_OF_MEMORY;
-  jsonStartObject(printer, nullptr);
-  int count = jsonArrayGetCount(fields);
-  for (int i = 0; i < count; i++) {
-    JsonObject *field = jsonArrayGetObject(fields, i);
-    const char *name = field != nullptr ? jsonObjectGetString(field, "fieldName") : nullptr;
-    if (name == nullptr || tagIndex(name) < 0)
-      return LDAPUSER_UNKNOWN_TAG;
-    const char *value = jsonObjectGetString(field, "fieldValue");
-    if (value == nullptr)
-      continue;
-    if (strlen(value) > LDAPUSER_MAX_VALUE_LENGTH)
-      return LDAPUSER_VALUE_TOO_LONG;
-    jsonAddString(printer, name, value);
-  }
-  jsonEndObject(printer);
-  return copyPrinterText(printer, json, length);
+  return writeJson(json, length, [fields](jsonPrinter *printer) {
+    jsonStartObject(printer, nullptr);
+    int count = jsonArrayGetCount(fields);
+    for (int i = 0; i < count; i++) {
+      JsonObject *field = jsonArrayGetObject(fields, i);
+      const char *name = field != nullptr ? jsonObjectGetString(field, "fieldName") : nullptr;
+      if (name == nullptr || tagIndex(name) < 0)
+        return LDAPUSER_UNKNOWN_TAG;
+      const char *value = jsonObjectGetString(field, "fieldValue");
+      if (value == nullptr)
+        continue;
+      if (strlen(value) > LDAPUSER_MAX_VALUE_LENGTH)
+        return LDAPUSER_VALUE_TOO_LONG;
+      jsonAddString(printer, name, value);
+    }
+    jsonEndObject(printer);
+    return 0;
+  });
 }
 
 } // extern "C"

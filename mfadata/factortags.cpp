@@ -3,21 +3,13 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "base/jsonprint.h"
+#include "mfadata/usermfadata_internal.h"
 
 namespace {
 
-struct HeapDeleter {
-  void operator()(ShortLivedHeap *heap) const { SLHFree(heap); }
-};
-struct TagListDeleter {
-  void operator()(factorTag *first) const { factorTagList_destroy(first); }
-};
-struct PrinterDeleter {
-  void operator()(jsonPrinter *printer) const { destroyStringWriterCustomJsonPrinter(printer); }
-};
+using PrinterPtr = mfadata::Owned<jsonPrinter, destroyStringWriterCustomJsonPrinter>;
 
 // A list under construction; released whole unless taken.
 class TagListBuilder {
@@ -45,7 +37,7 @@ public:
   factorTag *release() { return head_.release(); }
 
 private:
-  std::unique_ptr<factorTag, TagListDeleter> head_;
+  mfadata::TagListPtr head_;
   factorTag *tail_ = nullptr;
   uint32_t count_ = 0;
 };
@@ -112,7 +104,7 @@ void createFactorTags(const char *json, factorData *data, uint32_t *count) {
     return;
   data->tags = nullptr;
   *count = 0;
-  std::unique_ptr<ShortLivedHeap, HeapDeleter> heap(makeShortLivedHeap(65536, 8));
+  mfadata::HeapPtr heap(makeShortLivedHeap(65536, 8));
   if (json == nullptr || heap == nullptr)
     return;
   size_t length = strlen(json);
@@ -150,8 +142,7 @@ int createFactorJson(factorTag *firstTag, char **result) {
     return FACTORTAGS_EMPTY_LIST;
   // A string writer drops what does not fit, so it is sized for the worst case.
   uint64_t capacity = documentBound(firstTag);
-  std::unique_ptr<jsonPrinter, PrinterDeleter> printer(
-      makeStringWriterCustomJsonPrinter(capacity < 1024 ? 1024 : capacity));
+  PrinterPtr printer(makeStringWriterCustomJsonPrinter(capacity < 1024 ? 1024 : capacity));
   if (printer == nullptr)
     return MFADATA_NO_MEMORY;
   jsonStartObject(printer.get(), nullptr);

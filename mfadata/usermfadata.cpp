@@ -1,16 +1,21 @@
 // User MFA data: building from a factor-data buffer, copying, checking,
 // dumping and releasing.
 #include "mfadata/usermfadata.h"
+#include "mfadata/usermfadata_internal.h"
 
 #include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <span>
 #include <string_view>
 
 namespace {
+
+using mfadata::FactorPtr;
+using mfadata::HeapPtr;
+using mfadata::RecordPtr;
+using mfadata::TagListPtr;
 
 constexpr int kOwnHeapBlockSize = 16384;
 constexpr int kOwnHeapMaxBlocks = 64;
@@ -129,26 +134,16 @@ private:
   ShortLivedHeap *heap_;
 };
 
-struct RecordDeleter {
-  void operator()(userMFAData *data) const { kfactor_userMFAData_destroy(data); }
-};
-struct FactorDeleter {
-  void operator()(factorData *factor) const { kfactor_factorData_destroy(factor); }
-};
-struct TagListDeleter {
-  void operator()(factorTag *first) const { factorTagList_destroy(first); }
-};
-struct HeapDeleter {
-  void operator()(ShortLivedHeap *heap) const { SLHFree(heap); }
-};
-using RecordPtr = std::unique_ptr<userMFAData, RecordDeleter>;
-using FactorPtr = std::unique_ptr<factorData, FactorDeleter>;
-using TagListPtr = std::unique_ptr<factorTag, TagListDeleter>;
-using HeapPtr = std::unique_ptr<ShortLivedHeap, HeapDeleter>;
-
-// The last step of every destructor: clear the object, free it unless it
-// lives in its heap, and release the heap when the object owns it.
-template <typename T> void releaseObject(T *object, void (*release)(char *, int)) {
+// Every destructor: nothing for null; without a heap the pieces are released
+// one by one (heap pieces go with the heap); then the object is cleared,
+// freed unless it lives in its heap, and the heap released when owned.
+template <typename T, typename ReleasePieces>
+void destroyObject(T *object, ReleasePieces releasePieces,
+                   void (*release)(char *, int) = safeFree) {
+  if (!object)
+    return;
+  if (!object->heap)
+    releasePieces(*object);
   ShortLivedHeap *heap = object->heap;
   const bool inHeap = object->inHeap != 0;
   const bool ownsHeap = object->ownsHeap != 0;
@@ -159,12 +154,13 @@ template <typename T> void releaseObject(T *object, void (*release)(char *, int)
     SLHFree(heap);
 }
 
-void freeStringArray(char **strings, uint32_t count) {
-  if (!strings)
+// Destroys each of count items, then the array itself.
+template <typename T> void destroyArray(T **items, uint32_t count, void (*destroy)(T *)) {
+  if (!items)
     return;
   for (uint32_t i = 0; i < count; ++i)
-    freeString(strings[i]);
-  safeFree(reinterpret_cast<char *>(strings), static_cast<int>(count * sizeof(char *)));
+    destroy(items[i]);
+  safeFree(reinterpret_cast<char *>(items), static_cast<int>(count * sizeof(T *)));
 }
 
 // Appends the tags of one tags section. sectionEntry is the position of the
@@ -377,48 +373,32 @@ void factorTagList_destroy(factorTag *first) {
 }
 
 void kfactor_factorData_destroy(factorData *factor) {
-  if (!factor)
-    return;
-  if (!factor->heap) {
-    factorTagList_destroy(factor->tags);
-    freeString(factor->factorName);
-    freeString(factor->date);
-  }
-  releaseObject(factor, safeFree);
+  destroyObject(factor, [](factorData &f) {
+    factorTagList_destroy(f.tags);
+    freeString(f.factorName);
+    freeString(f.date);
+  });
 }
 
 void policyData_destroy(policyData *policy) {
-  if (!policy)
-    return;
-  if (!policy->heap) {
-    freeStringArray(policy->factorNames, policy->numFactors);
-    freeString(policy->policyName);
-  }
-  releaseObject(policy, safeFree);
+  destroyObject(policy, [](policyData &p) {
+    destroyArray(p.factorNames, p.numFactors, freeString);
+    freeString(p.policyName);
+  });
 }
 
 void kfactor_userMFAData_destroy(userMFAData *data) {
-  if (!data)
-    return;
-  if (!data->heap) {
-    freeStringArray(data->policyNames, data->numPolicies);
-    if (data->policies) {
-      for (uint32_t i = 0; i < data->numPolicies; ++i)
-        policyData_destroy(data->policies[i]);
-      safeFree(reinterpret_cast<char *>(data->policies),
-               static_cast<int>(data->numPolicies * sizeof(policyData *)));
-    }
-    if (data->factors) {
-      for (uint32_t i = 0; i < data->numFactors; ++i)
-        kfactor_factorData_destroy(data->factors[i]);
-      // Arrays built from a buffer have spare slots; the used ones are all
-      // that can hold anything.
-      safeFree(reinterpret_cast<char *>(data->factors),
-               static_cast<int>(data->numFactors * sizeof(factorData *)));
-    }
-    freeString(data->userid);
-  }
-  releaseObject(data, safeFree31);
+  destroyObject(
+      data,
+      [](userMFAData &d) {
+        destroyArray(d.policyNames, d.numPolicies, freeString);
+        destroyArray(d.policies, d.numPolicies, policyData_destroy);
+        // Arrays built from a buffer have spare slots; the used ones are all
+        // that can hold anything.
+        destroyArray(d.factors, d.numFactors, kfactor_factorData_destroy);
+        freeString(d.userid);
+      },
+      safeFree31);
 }
 
 int factorTagList_copy(const factorTag *first, uint32_t count, factorData *factorCopy) {

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -10,7 +12,6 @@
 
 namespace mfatest {
 
-// Section types of a factor.
 constexpr uint32_t kTagsSection = 1;
 constexpr uint32_t kDateSection = 2;
 
@@ -18,12 +19,10 @@ struct FactorBufferLayout {
   uint32_t numFactors = 0;
   uint32_t numPolicies = 0;
   uint32_t policyOffset = 0;
-  // Positions, in the buffer, of each factor's entry, of each section's table
-  // entry and data per factor, of each tag entry per factor (in list order),
-  // and of each policy entry.
+  // Buffer positions of each factor's entry, of each section's table entry
+  // and each tag entry per factor (tags in list order), of each policy entry.
   std::vector<uint32_t> factorEntry;
   std::vector<std::vector<uint32_t>> sectionEntry;
-  std::vector<std::vector<uint32_t>> sectionData;
   std::vector<std::vector<uint32_t>> tagEntry;
   std::vector<uint32_t> policyEntry;
 };
@@ -35,13 +34,12 @@ public:
   // Starts a new factor; the sections that follow belong to it.
   FactorBuffer &factor(std::string_view name);
   FactorBuffer &tags(const Tags &tags);
-  FactorBuffer &date(std::string_view text);
+  FactorBuffer &date(std::string_view text) { return section(kDateSection, text); }
   // A section of any type holding bytes as they stand.
   FactorBuffer &section(uint32_t type, std::string_view bytes);
   // An empty name writes a policy entry with name length 0.
   FactorBuffer &policy(std::string_view name);
 
-  // The buffer; its layout goes to *layout when given.
   std::string build(FactorBufferLayout *layout = nullptr) const;
 
 private:
@@ -50,16 +48,15 @@ private:
     std::string bytes;
     std::vector<uint32_t> tagStarts; // within bytes
   };
-  struct Factor {
-    std::string name;
-    std::vector<Section> sections;
-  };
-  std::vector<Factor> factors_;
+  std::vector<std::pair<std::string, std::vector<Section>>> factors_;
   std::vector<std::string> policies_;
 };
 
 // Overwrites an integer of the buffer in the machine's byte order.
-void put32(std::string &buffer, size_t position, uint32_t value);
-void put16(std::string &buffer, size_t position, uint16_t value);
+template <typename T> void put(std::string &buffer, size_t position, T value) {
+  if (position + sizeof(T) > buffer.size())
+    throw std::out_of_range("patch beyond the buffer");
+  memcpy(buffer.data() + position, &value, sizeof(T));
+}
 
 } // namespace mfatest
