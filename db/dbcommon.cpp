@@ -61,6 +61,15 @@ int Session::connect() {
   return 0;
 }
 
+int Session::connect(std::initializer_list<Value> values) {
+  if (int status = connect())
+    return status;
+  for (const Value &value : values)
+    if (!(value.into = escape(value.source)))
+      return QN_DB_BAD_PARAMETERS;
+  return 0;
+}
+
 void Session::report(const char *format, ...) {
   va_list args;
   va_start(args, format);
@@ -97,6 +106,22 @@ int Session::execParams(const char *sql, Expect expect, const Failure &failure,
   return check(expect, failure);
 }
 
+int Session::execFormatted(Expect expect, const Failure &failure, const char *format, ...) {
+  char sql[kStatementSize];
+  va_list args;
+  va_start(args, format);
+  int status = formatStatementV(*this, sql, sizeof sql, format, args);
+  va_end(args);
+  return status != 0 ? status : execParams(sql, expect, failure);
+}
+
+int Session::requireRows(const char *notFound) {
+  if (rows() > 0)
+    return 0;
+  report("%s", notFound);
+  return QN_DB_NOT_FOUND;
+}
+
 void Session::control(const char *sql) {
   result_.reset(PQexec(connection(), sql));
 }
@@ -110,11 +135,26 @@ bool Session::copyTo(char **field, int row, int column) const {
   return *field != nullptr || isNull(row, column);
 }
 
+bool Session::copyColumn(char ***field, int first, int size, int column, const char *label) const {
+  if ((*field = newArray<char>(size, label)) == nullptr)
+    return false;
+  for (int i = 0; i < size; i++)
+    if (!copyTo(&(*field)[i], first + i, column))
+      return false;
+  return true;
+}
+
 int formatStatement(Session &session, char *buffer, std::size_t size, const char *format, ...) {
   va_list args;
   va_start(args, format);
-  int length = vsnprintf(buffer, size, format, args);
+  int status = formatStatementV(session, buffer, size, format, args);
   va_end(args);
+  return status;
+}
+
+int formatStatementV(Session &session, char *buffer, std::size_t size, const char *format,
+                     va_list args) {
+  int length = vsnprintf(buffer, size, format, args);
   if (length < 0 || static_cast<std::size_t>(length) >= size) {
     explicit_bzero(buffer, size);
     session.report("statement too long: %d bytes do not fit a buffer of %zu\n", length, size);
