@@ -69,32 +69,23 @@ void PgTest::TearDown() {
   qn_db_destroyDbCtx(ctx);
 }
 
-void PgTest::sql(const std::string &statements) {
+Rows PgTest::sql(const std::string &statements) {
   Connection connection = connectToMfadb();
   Result result(PQexec(connection.get(), statements.c_str()), PQclear);
   ExecStatusType status = PQresultStatus(result.get());
-  ASSERT_TRUE(status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK)
+  EXPECT_TRUE(status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK)
       << statements << ": " << PQerrorMessage(connection.get());
-}
-
-Rows PgTest::query(const std::string &select) {
-  Connection connection = connectToMfadb();
-  Result result(PQexec(connection.get(), select.c_str()), PQclear);
-  Rows rows;
-  EXPECT_EQ(PQresultStatus(result.get()), PGRES_TUPLES_OK)
-      << select << ": " << PQerrorMessage(connection.get());
-  for (int row = 0; row < PQntuples(result.get()); row++) {
-    rows.emplace_back();
+  Rows rows(PQntuples(result.get()));
+  for (int row = 0; row < PQntuples(result.get()); row++)
     for (int column = 0; column < PQnfields(result.get()); column++)
-      rows.back().push_back(PQgetisnull(result.get(), row, column)
-                                ? "<null>"
-                                : PQgetvalue(result.get(), row, column));
-  }
+      rows[row].push_back(PQgetisnull(result.get(), row, column)
+                              ? "<null>"
+                              : PQgetvalue(result.get(), row, column));
   return rows;
 }
 
 std::string PgTest::value(const std::string &select) {
-  Rows rows = query(select);
+  Rows rows = sql(select);
   return rows.empty() ? "<none>" : rows[0][0];
 }
 
@@ -106,6 +97,15 @@ int PgTest::addUser(const std::string &unixuid) {
 int PgTest::addFactor(const std::string &factorName, const std::string &note) {
   return std::stoi(value("insert into qmx_factor(factorname, factornote) values(" +
                          quoted(factorName) + ", " + quoted(note) + ") returning factorid"));
+}
+
+int PgTest::addPolicy(const std::string &policyName, const std::vector<std::string> &factorNames) {
+  std::string id = value("insert into qmx_policy(policyname) values(" + quoted(policyName) +
+                         ") returning policyid");
+  for (const std::string &factor : factorNames)
+    sql("insert into qmx_policyfactor select " + id +
+        ", factorid from qmx_factor where factorname=" + quoted(factor));
+  return std::stoi(id);
 }
 
 int PgTest::factorId(const std::string &factorName) {
