@@ -2,6 +2,7 @@
 
 #include <libpq-fe.h>
 
+#include <algorithm>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -14,38 +15,20 @@ namespace {
 using Connection = std::unique_ptr<PGconn, decltype(&PQfinish)>;
 using Result = std::unique_ptr<PGresult, decltype(&PQclear)>;
 
-Connection connectToMfadb() {
-  return Connection(PQconnectdb("dbname=mfadb"), PQfinish);
-}
-
-// The seed statements of the schema: everything after its seed marker, so
-// the fixture replays the schema's own rows rather than a copy of them.
-const std::string &seedStatements() {
-  static const std::string seed = [] {
+// Empties every table of the schema, restarting the generated keys, and
+// replays the schema's own seed rows (everything after its seed marker)
+// rather than a copy of them.
+const std::string &resetStatements() {
+  static const std::string reset = [] {
     std::ifstream file(MFA_SOURCE_DIR "/db/schema.sql");
     std::stringstream text;
     text << file.rdbuf();
     std::string schema = text.str();
-    std::size_t marker = schema.find("-- Seed rows");
-    return marker == std::string::npos ? std::string() : schema.substr(marker);
+    return "do $$ begin execute (select 'truncate ' || string_agg(tablename, ',') || ' restart "
+           "identity cascade' from pg_tables where schemaname = 'public'); end $$;" +
+           schema.substr(std::min(schema.find("-- Seed rows"), schema.size()));
   }();
-  return seed;
-}
-
-// Empties every table of the schema, restarting the generated keys, and
-// replays the seed rows.
-void resetDatabase(PGconn *connection) {
-  Result tables(PQexec(connection, "select string_agg(tablename, ',') from pg_tables where "
-                                   "schemaname = 'public'"),
-                PQclear);
-  ASSERT_EQ(PQresultStatus(tables.get()), PGRES_TUPLES_OK) << PQerrorMessage(connection);
-  std::string truncate =
-      "truncate " + std::string(PQgetvalue(tables.get(), 0, 0)) + " restart identity cascade";
-  Result emptied(PQexec(connection, truncate.c_str()), PQclear);
-  ASSERT_EQ(PQresultStatus(emptied.get()), PGRES_COMMAND_OK) << PQerrorMessage(connection);
-  ASSERT_FALSE(seedStatements().empty()) << "schema.sql has no seed section";
-  Result seeded(PQexec(connection, seedStatements().c_str()), PQclear);
-  ASSERT_EQ(PQresultStatus(seeded.get()), PGRES_COMMAND_OK) << PQerrorMessage(connection);
+  return reset;
 }
 
 } // namespace
@@ -59,9 +42,9 @@ std::string quoted(const std::string &text) {
 
 void PgTest::SetUp() {
   MFA_REQUIRE_SERVICE("PGHOST");
-  Connection connection = connectToMfadb();
-  ASSERT_EQ(PQstatus(connection.get()), CONNECTION_OK) << PQerrorMessage(connection.get());
-  resetDatabase(connection.get());
+  ASSERT_NE(resetStatements().find("-- Seed rows"), std::string::npos) << "no seed rows";
+  sql(resetStatements());
+  ASSERT_FALSE(HasFailure());
   ASSERT_EQ(qn_db_createDBCtx(&ctx, nullptr, nullptr), 0);
 }
 
@@ -70,7 +53,7 @@ void PgTest::TearDown() {
 }
 
 Rows PgTest::sql(const std::string &statements) {
-  Connection connection = connectToMfadb();
+  Connection connection(PQconnectdb("dbname=mfadb"), PQfinish);
   Result result(PQexec(connection.get(), statements.c_str()), PQclear);
   ExecStatusType status = PQresultStatus(result.get());
   EXPECT_TRUE(status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK)
