@@ -167,6 +167,18 @@ int formatStatementV(Session &session, char *buffer, std::size_t size, const cha
 
 using mfadb::destroyArray;
 
+namespace {
+
+// Frees the record's named strings, then the record itself; null is ignored.
+template <typename T, typename... Strings> void releaseRecord(T *record, Strings T::*...strings) {
+  if (record == nullptr)
+    return;
+  (freeString(record->*strings), ...);
+  safeFree(reinterpret_cast<char *>(record), sizeof *record);
+}
+
+} // namespace
+
 extern "C" {
 
 void quotedDuplicateString(PGconn *connection, const char *source, char **escaped, int *size) {
@@ -191,12 +203,8 @@ void quotedDuplicateString(PGconn *connection, const char *source, char **escape
 }
 
 void destroyMFAAdminFactorData(MFAAdminFactorData *factor) {
-  if (factor == nullptr)
-    return;
-  freeString(factor->factorname);
-  freeString(factor->factornote);
-  freeString(factor->factortags);
-  safeFree(reinterpret_cast<char *>(factor), sizeof *factor);
+  releaseRecord(factor, &MFAAdminFactorData::factorname, &MFAAdminFactorData::factornote,
+                &MFAAdminFactorData::factortags);
 }
 
 void qn_db_destroyAdminFactorDef(MFAAdminFactorData *factor) {
@@ -204,65 +212,46 @@ void qn_db_destroyAdminFactorDef(MFAAdminFactorData *factor) {
 }
 
 void destroyFactorData(MFAAdminFactorData *factor) {
-  if (factor == nullptr)
-    return;
-  freeString(factor->factorname);
-  // These two are released without their terminator byte, unlike the twin.
-  for (char *text : {factor->factornote, factor->factortags})
-    if (text != nullptr)
-      safeFree(text, static_cast<int>(strlen(text)));
-  safeFree(reinterpret_cast<char *>(factor), sizeof *factor);
+  if (factor != nullptr) {
+    // These two are released without their terminator byte, unlike the twin.
+    for (char *text : {factor->factornote, factor->factortags})
+      if (text != nullptr)
+        safeFree(text, static_cast<int>(strlen(text)));
+  }
+  releaseRecord(factor, &MFAAdminFactorData::factorname);
 }
 
 void destroyMFAAdminPolicyData(MFAAdminPolicyData *policy) {
-  if (policy == nullptr)
-    return;
-  freeString(policy->policyname);
-  freeString(policy->policynote);
-  destroyArray(policy->factors, policy->numFactors, destroyFactorData);
-  safeFree(reinterpret_cast<char *>(policy), sizeof *policy);
+  if (policy != nullptr)
+    destroyArray(policy->factors, policy->numFactors, destroyFactorData);
+  releaseRecord(policy, &MFAAdminPolicyData::policyname, &MFAAdminPolicyData::policynote);
 }
 
 void destroyUserPolicyData(userPolicyData *policy) {
-  if (policy == nullptr)
-    return;
-  freeString(policy->policyname);
-  freeString(policy->policynote);
-  destroyArray(policy->factorNames, policy->numFactors, freeString);
-  destroyArray(policy->factorNotes, policy->numFactors, freeString);
-  safeFree(reinterpret_cast<char *>(policy), sizeof *policy);
+  if (policy != nullptr) {
+    destroyArray(policy->factorNames, policy->numFactors, freeString);
+    destroyArray(policy->factorNotes, policy->numFactors, freeString);
+  }
+  releaseRecord(policy, &userPolicyData::policyname, &userPolicyData::policynote);
 }
 
 void destroyAdminData(adminData *admin) {
-  if (admin == nullptr)
-    return;
-  freeString(admin->unixuid);
-  freeString(admin->name);
-  safeFree(reinterpret_cast<char *>(admin), sizeof *admin);
+  releaseRecord(admin, &adminData::unixuid, &adminData::name);
 }
 
 void destroyClientData(clientData *client) {
-  if (client == nullptr)
-    return;
-  freeString(client->ClientId);
-  freeString(client->ClientSecret);
-  freeString(client->ClientDescription);
-  safeFree(reinterpret_cast<char *>(client), sizeof *client);
+  releaseRecord(client, &clientData::ClientId, &clientData::ClientSecret,
+                &clientData::ClientDescription);
 }
 
 void destroyClientUserProfile(clientUserProfile *profile) {
-  if (profile == nullptr)
-    return;
-  freeString(profile->remoteuserid);
-  safeFree(reinterpret_cast<char *>(profile), sizeof *profile);
+  releaseRecord(profile, &clientUserProfile::remoteuserid);
 }
 
 void destroyOrlinClientUserData(orlinClientUserData *connection) {
-  if (connection == nullptr)
-    return;
-  freeString(connection->name);
-  destroyArray(connection->profiles, connection->numProfiles, destroyClientUserProfile);
-  safeFree(reinterpret_cast<char *>(connection), sizeof *connection);
+  if (connection != nullptr)
+    destroyArray(connection->profiles, connection->numProfiles, destroyClientUserProfile);
+  releaseRecord(connection, &orlinClientUserData::name);
 }
 
 void destroyClientUserData(orlinClientUserData *connection) {
@@ -270,24 +259,19 @@ void destroyClientUserData(orlinClientUserData *connection) {
 }
 
 void destroyOrlinClientData(orlinClientData *client) {
-  if (client == nullptr)
-    return;
-  freeString(client->ClientHostname);
-  freeString(client->ClientDescription);
-  destroyArray(client->users, client->numUsers, destroyOrlinClientUserData);
-  safeFree(reinterpret_cast<char *>(client), sizeof *client);
+  if (client != nullptr)
+    destroyArray(client->users, client->numUsers, destroyOrlinClientUserData);
+  releaseRecord(client, &orlinClientData::ClientHostname, &orlinClientData::ClientDescription);
 }
 
 void destroyUserData(userData *user) {
-  if (user == nullptr)
-    return;
-  freeString(user->unixuid);
-  freeString(user->name);
-  destroyArray(user->policies, user->numPolicies, destroyMFAAdminPolicyData);
-  destroyArray(user->policyNames, user->numPolicies, freeString);
-  destroyArray(user->factors, user->numFactors, destroyMFAAdminFactorData);
-  destroyArray(user->orlinClients, user->numOrlinClients, destroyOrlinClientUserData);
-  safeFree(reinterpret_cast<char *>(user), sizeof *user);
+  if (user != nullptr) {
+    destroyArray(user->policies, user->numPolicies, destroyMFAAdminPolicyData);
+    destroyArray(user->policyNames, user->numPolicies, freeString);
+    destroyArray(user->factors, user->numFactors, destroyMFAAdminFactorData);
+    destroyArray(user->orlinClients, user->numOrlinClients, destroyOrlinClientUserData);
+  }
+  releaseRecord(user, &userData::unixuid, &userData::name);
 }
 
 } // extern "C"
