@@ -21,26 +21,14 @@ namespace {
 
 using mfatest::PgTest;
 
-// Calls of the read operations whose results these tests never receive.
-template <typename T> int list(int (*read)(dbctx *, int *, T ***), dbctx *c) {
-  int count = 0;
-  T **all = nullptr;
-  return read(c, &count, &all);
-}
-template <typename Key, typename T> int one(int (*read)(dbctx *, Key, T **), dbctx *c, Key key) {
-  T *record = nullptr;
-  return read(c, key, &record);
-}
-
 struct Operation {
   const char *call;
   int failed; // the status when the statement fails on the server
   std::function<int(dbctx *)> run;
 };
-#define OPERATION(failed, call)                                                                    \
-  {                                                                                                \
-#call, failed, [](dbctx * c) { return call; }                                                  \
-  }
+// clang-format off
+#define OPERATION(failed, call) {#call, failed, [](dbctx *c) { return call; }}
+// clang-format on
 
 // Every operation that reaches the database, with valid inputs.
 const std::vector<Operation> &everyOperation() {
@@ -49,16 +37,20 @@ const std::vector<Operation> &everyOperation() {
       const_cast<char *>("p"), const_cast<char *>("n"), 1, 2, 0, nullptr, nullptr};
   static factorData factor;
   factor.factorName = const_cast<char *>("QMXLDAP1");
-  static char buffer[8];
+  // Where the reads would store their results: they never get that far.
+  static int n, g, k, r;
   static uint64_t length;
-  static int g, k, r;
-  static char *uid, *name;
+  static char buffer[8], *uid, *name, **names;
+  static MFAAdminFactorData *f, **fs;
+  static userPolicyData *p, **ps;
+  static MFAAdminPolicyData *pr, **prs;
+  static userMFAData *data;
   static factorData *got;
   static const std::vector<Operation> all = {
-      OPERATION(80102, list(qn_db_factorGetEnabledNames, c)),
-      OPERATION(80102, list(qn_db_factorGetAll, c)),
-      OPERATION(80102, one(qn_db_factorGetByName, c, "F")),
-      OPERATION(80102, one(qn_db_factorGetById, c, 1)),
+      OPERATION(80102, qn_db_factorGetEnabledNames(c, &n, &names)),
+      OPERATION(80102, qn_db_factorGetAll(c, &n, &fs)),
+      OPERATION(80102, qn_db_factorGetByName(c, "F", &f)),
+      OPERATION(80102, qn_db_factorGetById(c, 1, &f)),
       OPERATION(80107, qn_db_factorUpdateSettings(c, "F", "{}")),
       OPERATION(80104, qn_db_userFactorConnectById(c, 1, 1, 1)),
       OPERATION(80104, qn_db_userFactorConnect(c, "u", "F", 1)),
@@ -70,10 +62,10 @@ const std::vector<Operation> &everyOperation() {
       OPERATION(80102, qn_db_getMfaIdFactornameFromConnectionId(c, 1, &uid, &name)),
       OPERATION(80104, qn_db_policyCreate(c, &policy)),
       OPERATION(80104, qn_db_policyCreateREST(c, "p", "n", 1, 2, 2, ids)),
-      OPERATION(80102, list(qn_db_policyGetAll, c)),
-      OPERATION(80102, one(qn_db_policyGetOne, c, "p")),
-      OPERATION(80102, list(qn_db_policyGetAllREST, c)),
-      OPERATION(80102, one(qn_db_policyGetOneREST, c, 1)),
+      OPERATION(80102, qn_db_policyGetAll(c, &n, &ps)),
+      OPERATION(80102, qn_db_policyGetOne(c, "p", &p)),
+      OPERATION(80102, qn_db_policyGetAllREST(c, &n, &prs)),
+      OPERATION(80102, qn_db_policyGetOneREST(c, 1, &pr)),
       OPERATION(80107, qn_db_policyUpdate(c, &policy)),
       OPERATION(80104, qn_db_policyUpdateREST(c, 1, "n", 1, 2)),
       OPERATION(80104, qn_db_policyConnectFactors(c, 1, 2, ids)),
@@ -84,7 +76,7 @@ const std::vector<Operation> &everyOperation() {
       OPERATION(80104, qn_db_userPolicyConnect(c, "u", "p")),
       OPERATION(80104, qn_db_userPolicyDisconnectById(c, 1)),
       OPERATION(80104, qn_db_userPolicyDisconnect(c, "u", "p")),
-      OPERATION(80102, one(pq_userMFAData_create, c, "u")),
+      OPERATION(80102, pq_userMFAData_create(c, "u", &data)),
       // A failed read of one factor hands out nothing and still succeeds.
       OPERATION(0, kfactor_get_UserFactorData(c, "u", "QMXLDAP1", &got)),
       OPERATION(80107, kfactor_update_UserFactorData(c, "u", &factor)),
