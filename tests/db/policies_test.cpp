@@ -16,16 +16,18 @@ namespace {
 
 using mfatest::Rows;
 
-// A definition over caller-owned strings, for create and update.
-struct Definition {
-  std::vector<const char *> names;
-  userPolicyData data;
-  Definition(const char *name, const char *note, int timeout, int reuse,
-             std::vector<const char *> factors)
-      : names(std::move(factors)),
-        data{const_cast<char *>(name),       const_cast<char *>(note),          timeout, reuse,
-             static_cast<int>(names.size()), const_cast<char **>(names.data()), nullptr} {}
-};
+// Calls a by-name writer with a definition over the given strings.
+int write(int (*writer)(dbctx *, const userPolicyData *), dbctx *ctx, const char *name,
+          const char *note, int timeout, int reuse, std::vector<const char *> factors) {
+  userPolicyData data = {const_cast<char *>(name),
+                         const_cast<char *>(note),
+                         timeout,
+                         reuse,
+                         static_cast<int>(factors.size()),
+                         const_cast<char **>(factors.data()),
+                         nullptr};
+  return writer(ctx, &data);
+}
 
 // "name|note|timeout|reuse|" and the factors in name order, each with its
 // note when the record carries notes.
@@ -68,18 +70,14 @@ protected:
                "factorname, ',' order by factorname) from qmx_policyfactor join qmx_factor "
                "using (factorid) where policyid=p.policyid) from qmx_policy p order by 1");
   }
-  int policyId(const char *name) {
-    return std::stoi(
-        value("select policyid from qmx_policy where policyname=" + mfatest::quoted(name)));
-  }
 };
 
 TEST_F(PoliciesTest, CreateByNameAndReadBack) {
-  Definition def("strong", "Bob's policy", 30, 2, {"QMXLDAP1", "QMXTEST1", "NOSUCH"});
-  ASSERT_EQ(qn_db_policyCreate(ctx, &def.data), 0);
+  ASSERT_EQ(write(qn_db_policyCreate, ctx, "strong", "Bob's policy", 30, 2,
+                  {"QMXLDAP1", "QMXTEST1", "NOSUCH"}),
+            0);
   // Without factors a policy exists but the by-name reads do not see it.
-  Definition empty("empty", "", 0, 0, {});
-  ASSERT_EQ(qn_db_policyCreate(ctx, &empty.data), 0);
+  ASSERT_EQ(write(qn_db_policyCreate, ctx, "empty", "", 0, 0, {}), 0);
   EXPECT_EQ(policies(), (Rows{{"empty", "", "0", "0", "<null>"},
                               {"strong", "Bob's policy", "30", "2", "QMXLDAP1,QMXTEST1"}}));
 
@@ -127,9 +125,9 @@ TEST_F(PoliciesTest, CreateByIdAndReadById) {
   ASSERT_EQ(qn_db_policyCreateREST(ctx, "rest", "it's", 5, 60, 2, ids), 0);
 
   MFAAdminPolicyData *read = nullptr;
-  ASSERT_EQ(qn_db_policyGetOneREST(ctx, policyId("rest"), &read), 0);
-  EXPECT_EQ(describe(read), std::to_string(policyId("rest")) + "|rest|it's|60|5| 5=QMXTEST1=test "
-                                                               "one 6=QMXTEST2=test two");
+  ASSERT_EQ(qn_db_policyGetOneREST(ctx, 1, &read), 0);
+  EXPECT_EQ(describe(read), "1|rest|it's|60|5| 5=QMXTEST1=test "
+                            "one 6=QMXTEST2=test two");
   destroyMFAAdminPolicyData(read);
   read = nullptr;
   mfatest::captureStdout([&] { EXPECT_EQ(qn_db_policyGetOneREST(ctx, 9999, &read), 80105); });
@@ -138,9 +136,9 @@ TEST_F(PoliciesTest, CreateByIdAndReadById) {
 
 TEST_F(PoliciesTest, AFailingStepRollsBackTheWholeTransaction) {
   // The second link of the same factor breaks the policy's key.
-  Definition twice("twice", "", 0, 0, {"QMXTEST1", "QMXTEST1"});
-  std::string out =
-      mfatest::captureStdout([&] { EXPECT_EQ(qn_db_policyCreate(ctx, &twice.data), 80104); });
+  std::string out = mfatest::captureStdout([&] {
+    EXPECT_EQ(write(qn_db_policyCreate, ctx, "twice", "", 0, 0, {"QMXTEST1", "QMXTEST1"}), 80104);
+  });
   EXPECT_NE(out.find("MFADB:insert failed: "), std::string::npos) << out;
   int ids[] = {factorId("QMXTEST1"), 9999};
   mfatest::captureStdout(
@@ -148,8 +146,9 @@ TEST_F(PoliciesTest, AFailingStepRollsBackTheWholeTransaction) {
   EXPECT_EQ(policies(), Rows{});
 
   int policyid = addPolicy("p", {"QMXTEST1"});
-  Definition bad("p", "new", 2, 2, {"QMXTEST2", "QMXTEST2"});
-  mfatest::captureStdout([&] { EXPECT_EQ(qn_db_policyUpdate(ctx, &bad.data), 80104); });
+  mfatest::captureStdout([&] {
+    EXPECT_EQ(write(qn_db_policyUpdate, ctx, "p", "new", 2, 2, {"QMXTEST2", "QMXTEST2"}), 80104);
+  });
   int again[] = {factorId("QMXTEST2"), factorId("QMXTEST1")};
   mfatest::captureStdout(
       [&] { EXPECT_EQ(qn_db_policyConnectFactors(ctx, policyid, 2, again), 80104); });
@@ -158,8 +157,7 @@ TEST_F(PoliciesTest, AFailingStepRollsBackTheWholeTransaction) {
 
 TEST_F(PoliciesTest, UpdatesAndFactorLinks) {
   int policyid = addPolicy("p", {"QMXTEST1"});
-  Definition changed("p", "new's", 7, 8, {"QMXTEST2", "QMXLDAP1"});
-  ASSERT_EQ(qn_db_policyUpdate(ctx, &changed.data), 0);
+  ASSERT_EQ(write(qn_db_policyUpdate, ctx, "p", "new's", 7, 8, {"QMXTEST2", "QMXLDAP1"}), 0);
   EXPECT_EQ(policies(), (Rows{{"p", "new's", "7", "8", "QMXLDAP1,QMXTEST2"}}));
   ASSERT_EQ(qn_db_policyUpdateREST(ctx, policyid, "rest's", 3, 4), 0);
   EXPECT_EQ(policies(), (Rows{{"p", "rest's", "4", "3", "QMXLDAP1,QMXTEST2"}}));

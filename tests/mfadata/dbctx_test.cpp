@@ -4,7 +4,6 @@
 
 #include <fstream>
 #include <string>
-#include <vector>
 
 #include "base/alloc.h"
 #include "base/logging.h"
@@ -95,10 +94,8 @@ TEST(DbContext, ConnectionStringAndLogging) {
   EXPECT_EQ(out.find("level 3"), std::string::npos) << out;
 
   ASSERT_EQ(qn_db_createPwhashCtx(ctx, nullptr, 4096), 0);
-  const qn_pwhash_ctx &hashing = *ctx->pwhashContext;
-  EXPECT_EQ(
-      (std::vector<uint32_t>{hashing.iterationCount, hashing.saltLength, hashing.derivedKeyLength}),
-      (std::vector<uint32_t>{4096, 16, 32}));
+  ASSERT_NE(ctx->pwhashContext, nullptr);
+  EXPECT_EQ(ctx->pwhashContext->iterationCount, 4096u);
   qn_pwhash_ctx_destroy(ctx->pwhashContext);
   qn_db_destroyDbCtx(ctx);
   EXPECT_EQ(qn_db_createPwhashCtx(nullptr, nullptr, 1), QN_DB_PWHASH_UNAVAILABLE);
