@@ -83,8 +83,6 @@ public:
   Escaped(PGconn *connection, const char *source);
   Escaped(const Escaped &) = delete;
   Escaped &operator=(const Escaped &) = delete;
-  Escaped(Escaped &&other) noexcept
-      : text_(std::exchange(other.text_, nullptr)), size_(std::exchange(other.size_, 0)) {}
   Escaped &operator=(Escaped &&other) noexcept {
     std::swap(text_, other.text_);
     std::swap(size_, other.size_);
@@ -92,7 +90,6 @@ public:
   }
   ~Escaped();
   const char *get() const { return text_; }
-  char *data() { return text_; }
   explicit operator bool() const { return text_ != nullptr; }
 
 private:
