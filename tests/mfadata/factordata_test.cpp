@@ -65,6 +65,10 @@ TEST_F(FactorDataTest, UpsertedTagsReadBackWhole) {
     EXPECT_EQ(read->factors[0]->numTags, writes[i].size());
     EXPECT_EQ(tagsOf(read->factors[0]), writes[i]);
     kfactor_userMFAData_destroy(read);
+    factorData *one = nullptr;
+    ASSERT_EQ(kfactor_get_UserFactorData(ctx, "eve", "QMXLDAP1", &one), 0);
+    EXPECT_EQ(tagsOf(one), writes[i]);
+    kfactor_factorData_destroy(one);
   }
   EXPECT_EQ(value("select count(*) from qmx_user"), "1");
 
