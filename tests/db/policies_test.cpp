@@ -17,15 +17,11 @@ namespace {
 using mfatest::Rows;
 
 // Calls a by-name writer with a definition over the given strings.
-int write(int (*writer)(dbctx *, const userPolicyData *), dbctx *ctx, const char *name,
-          const char *note, int timeout, int reuse, std::vector<const char *> factors) {
-  userPolicyData data = {const_cast<char *>(name),
-                         const_cast<char *>(note),
-                         timeout,
-                         reuse,
-                         static_cast<int>(factors.size()),
-                         const_cast<char **>(factors.data()),
-                         nullptr};
+int write(int (*writer)(dbctx *, const userPolicyData *), dbctx *ctx, std::string name,
+          std::string note, int timeout, int reuse, std::vector<const char *> factors) {
+  userPolicyData data{name.data(), note.data(), timeout, reuse, 0, nullptr, nullptr};
+  data.numFactors = static_cast<int>(factors.size());
+  data.factorNames = const_cast<char **>(factors.data());
   return writer(ctx, &data);
 }
 
