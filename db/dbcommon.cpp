@@ -61,6 +61,15 @@ int Session::connect() {
   return 0;
 }
 
+int Session::connect(std::initializer_list<Value> values) {
+  if (int status = connect())
+    return status;
+  for (const Value &value : values)
+    if (!(value.into = escape(value.source)))
+      return QN_DB_BAD_PARAMETERS;
+  return 0;
+}
+
 void Session::report(const char *format, ...) {
   va_list args;
   va_start(args, format);
@@ -97,6 +106,22 @@ int Session::execParams(const char *sql, Expect expect, const Failure &failure,
   return check(expect, failure);
 }
 
+int Session::execFormatted(Expect expect, const Failure &failure, const char *format, ...) {
+  char sql[kStatementSize];
+  va_list args;
+  va_start(args, format);
+  int status = formatStatementV(*this, sql, sizeof sql, format, args);
+  va_end(args);
+  return status != 0 ? status : execParams(sql, expect, failure);
+}
+
+int Session::requireRows(const char *notFound) {
+  if (rows() > 0)
+    return 0;
+  report("%s", notFound);
+  return QN_DB_NOT_FOUND;
+}
+
 void Session::control(const char *sql) {
   result_.reset(PQexec(connection(), sql));
 }
@@ -110,11 +135,26 @@ bool Session::copyTo(char **field, int row, int column) const {
   return *field != nullptr || isNull(row, column);
 }
 
+bool Session::copyColumn(char ***field, int first, int size, int column, const char *label) const {
+  if ((*field = newArray<char>(size, label)) == nullptr)
+    return false;
+  for (int i = 0; i < size; i++)
+    if (!copyTo(&(*field)[i], first + i, column))
+      return false;
+  return true;
+}
+
 int formatStatement(Session &session, char *buffer, std::size_t size, const char *format, ...) {
   va_list args;
   va_start(args, format);
-  int length = vsnprintf(buffer, size, format, args);
+  int status = formatStatementV(session, buffer, size, format, args);
   va_end(args);
+  return status;
+}
+
+int formatStatementV(Session &session, char *buffer, std::size_t size, const char *format,
+                     va_list args) {
+  int length = vsnprintf(buffer, size, format, args);
   if (length < 0 || static_cast<std::size_t>(length) >= size) {
     explicit_bzero(buffer, size);
     session.report("statement too long: %d bytes do not fit a buffer of %zu\n", length, size);
@@ -126,6 +166,18 @@ int formatStatement(Session &session, char *buffer, std::size_t size, const char
 } // namespace mfadb
 
 using mfadb::destroyArray;
+
+namespace {
+
+// Frees the record's named strings, then the record itself; null is ignored.
+template <typename T, typename... Strings> void releaseRecord(T *record, Strings T::*...strings) {
+  if (record == nullptr)
+    return;
+  (freeString(record->*strings), ...);
+  safeFree(reinterpret_cast<char *>(record), sizeof *record);
+}
+
+} // namespace
 
 extern "C" {
 
@@ -151,12 +203,8 @@ void quotedDuplicateString(PGconn *connection, const char *source, char **escape
 }
 
 void destroyMFAAdminFactorData(MFAAdminFactorData *factor) {
-  if (factor == nullptr)
-    return;
-  freeString(factor->factorname);
-  freeString(factor->factornote);
-  freeString(factor->factortags);
-  safeFree(reinterpret_cast<char *>(factor), sizeof *factor);
+  releaseRecord(factor, &MFAAdminFactorData::factorname, &MFAAdminFactorData::factornote,
+                &MFAAdminFactorData::factortags);
 }
 
 void qn_db_destroyAdminFactorDef(MFAAdminFactorData *factor) {
@@ -164,65 +212,46 @@ void qn_db_destroyAdminFactorDef(MFAAdminFactorData *factor) {
 }
 
 void destroyFactorData(MFAAdminFactorData *factor) {
-  if (factor == nullptr)
-    return;
-  freeString(factor->factorname);
-  // These two are released without their terminator byte, unlike the twin.
-  for (char *text : {factor->factornote, factor->factortags})
-    if (text != nullptr)
-      safeFree(text, static_cast<int>(strlen(text)));
-  safeFree(reinterpret_cast<char *>(factor), sizeof *factor);
+  if (factor != nullptr) {
+    // These two are released without their terminator byte, unlike the twin.
+    for (char *text : {factor->factornote, factor->factortags})
+      if (text != nullptr)
+        safeFree(text, static_cast<int>(strlen(text)));
+  }
+  releaseRecord(factor, &MFAAdminFactorData::factorname);
 }
 
 void destroyMFAAdminPolicyData(MFAAdminPolicyData *policy) {
-  if (policy == nullptr)
-    return;
-  freeString(policy->policyname);
-  freeString(policy->policynote);
-  destroyArray(policy->factors, policy->numFactors, destroyFactorData);
-  safeFree(reinterpret_cast<char *>(policy), sizeof *policy);
+  if (policy != nullptr)
+    destroyArray(policy->factors, policy->numFactors, destroyFactorData);
+  releaseRecord(policy, &MFAAdminPolicyData::policyname, &MFAAdminPolicyData::policynote);
 }
 
 void destroyUserPolicyData(userPolicyData *policy) {
-  if (policy == nullptr)
-    return;
-  freeString(policy->policyname);
-  freeString(policy->policynote);
-  destroyArray(policy->factorNames, policy->numFactors, freeString);
-  destroyArray(policy->factorNotes, policy->numFactors, freeString);
-  safeFree(reinterpret_cast<char *>(policy), sizeof *policy);
+  if (policy != nullptr) {
+    destroyArray(policy->factorNames, policy->numFactors, freeString);
+    destroyArray(policy->factorNotes, policy->numFactors, freeString);
+  }
+  releaseRecord(policy, &userPolicyData::policyname, &userPolicyData::policynote);
 }
 
 void destroyAdminData(adminData *admin) {
-  if (admin == nullptr)
-    return;
-  freeString(admin->unixuid);
-  freeString(admin->name);
-  safeFree(reinterpret_cast<char *>(admin), sizeof *admin);
+  releaseRecord(admin, &adminData::unixuid, &adminData::name);
 }
 
 void destroyClientData(clientData *client) {
-  if (client == nullptr)
-    return;
-  freeString(client->ClientId);
-  freeString(client->ClientSecret);
-  freeString(client->ClientDescription);
-  safeFree(reinterpret_cast<char *>(client), sizeof *client);
+  releaseRecord(client, &clientData::ClientId, &clientData::ClientSecret,
+                &clientData::ClientDescription);
 }
 
 void destroyClientUserProfile(clientUserProfile *profile) {
-  if (profile == nullptr)
-    return;
-  freeString(profile->remoteuserid);
-  safeFree(reinterpret_cast<char *>(profile), sizeof *profile);
+  releaseRecord(profile, &clientUserProfile::remoteuserid);
 }
 
 void destroyOrlinClientUserData(orlinClientUserData *connection) {
-  if (connection == nullptr)
-    return;
-  freeString(connection->name);
-  destroyArray(connection->profiles, connection->numProfiles, destroyClientUserProfile);
-  safeFree(reinterpret_cast<char *>(connection), sizeof *connection);
+  if (connection != nullptr)
+    destroyArray(connection->profiles, connection->numProfiles, destroyClientUserProfile);
+  releaseRecord(connection, &orlinClientUserData::name);
 }
 
 void destroyClientUserData(orlinClientUserData *connection) {
@@ -230,24 +259,19 @@ void destroyClientUserData(orlinClientUserData *connection) {
 }
 
 void destroyOrlinClientData(orlinClientData *client) {
-  if (client == nullptr)
-    return;
-  freeString(client->ClientHostname);
-  freeString(client->ClientDescription);
-  destroyArray(client->users, client->numUsers, destroyOrlinClientUserData);
-  safeFree(reinterpret_cast<char *>(client), sizeof *client);
+  if (client != nullptr)
+    destroyArray(client->users, client->numUsers, destroyOrlinClientUserData);
+  releaseRecord(client, &orlinClientData::ClientHostname, &orlinClientData::ClientDescription);
 }
 
 void destroyUserData(userData *user) {
-  if (user == nullptr)
-    return;
-  freeString(user->unixuid);
-  freeString(user->name);
-  destroyArray(user->policies, user->numPolicies, destroyMFAAdminPolicyData);
-  destroyArray(user->policyNames, user->numPolicies, freeString);
-  destroyArray(user->factors, user->numFactors, destroyMFAAdminFactorData);
-  destroyArray(user->orlinClients, user->numOrlinClients, destroyOrlinClientUserData);
-  safeFree(reinterpret_cast<char *>(user), sizeof *user);
+  if (user != nullptr) {
+    destroyArray(user->policies, user->numPolicies, destroyMFAAdminPolicyData);
+    destroyArray(user->policyNames, user->numPolicies, freeString);
+    destroyArray(user->factors, user->numFactors, destroyMFAAdminFactorData);
+    destroyArray(user->orlinClients, user->numOrlinClients, destroyOrlinClientUserData);
+  }
+  releaseRecord(user, &userData::unixuid, &userData::name);
 }
 
 } // extern "C"

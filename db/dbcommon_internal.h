@@ -5,6 +5,7 @@
 #define MFA_DB_DBCOMMON_INTERNAL_H
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstddef>
 #include <initializer_list>
 #include <memory>
@@ -20,6 +21,9 @@ namespace mfadb {
 // Level at which server notices are logged: below what the database
 // component is configured to show, so they appear only when asked for.
 constexpr int kNoticeLevel = 4;
+
+// The statement buffer of every operation that does not name its own size.
+constexpr std::size_t kStatementSize = 1024;
 
 // Where an operation reports: the database component's log, or standard
 // output without a time stamp (the factor-data service).
@@ -79,11 +83,13 @@ public:
   Escaped(PGconn *connection, const char *source);
   Escaped(const Escaped &) = delete;
   Escaped &operator=(const Escaped &) = delete;
-  Escaped(Escaped &&other) noexcept
-      : text_(std::exchange(other.text_, nullptr)), size_(std::exchange(other.size_, 0)) {}
+  Escaped &operator=(Escaped &&other) noexcept {
+    std::swap(text_, other.text_);
+    std::swap(size_, other.size_);
+    return *this;
+  }
   ~Escaped();
   const char *get() const { return text_; }
-  char *data() { return text_; }
   explicit operator bool() const { return text_ != nullptr; }
 
 private:
@@ -100,6 +106,15 @@ public:
 
   // 0, 80101 with the reason reported, or 80106 for a missing context.
   int connect();
+
+  // A caller's string and where its escaped copy goes.
+  struct Value {
+    Escaped &into;
+    const char *source;
+  };
+  // Connects, then escapes each value: 80106 when one is null or cannot be
+  // escaped.
+  int connect(std::initializer_list<Value> values);
   PGconn *connection() const { return connection_.get(); }
 
   // An escaped copy of value; empty when value is null or cannot be escaped.
@@ -113,6 +128,15 @@ public:
   // sent with PQexecParams.
   int execParams(const char *sql, Expect expect, const Failure &failure,
                  std::initializer_list<const char *> params = {});
+  // Formats a statement into a buffer of kStatementSize bytes and sends it
+  // with PQexecParams; one that does not fit is refused as formatStatement
+  // refuses it.
+  int execFormatted(Expect expect, const Failure &failure, const char *format, ...)
+      MFADB_PRINTF(4, 5);
+
+  // 0 when the last result has rows; otherwise notFound is reported and the
+  // status is 80105.
+  int requireRows(const char *notFound);
 
   // Runs body between "BEGIN" and "END", or "ROLLBACK" when it fails.
   template <typename Body> int transaction(Body &&body) {
@@ -130,6 +154,10 @@ public:
   // Stores in *field a checked-heap copy of a column (null for a SQL null);
   // false when memory is short.
   bool copyTo(char **field, int row, int column) const;
+  // Stores in *field a new array (label) of copies of a column from size rows
+  // starting at first; false when memory is short, with what was copied left
+  // in *field for its owner to release.
+  bool copyColumn(char ***field, int first, int size, int column, const char *label) const;
 
 private:
   struct Finish {
@@ -153,38 +181,26 @@ private:
 // reported: a statement is never cut and sent.
 int formatStatement(Session &session, char *buffer, std::size_t size, const char *format, ...)
     MFADB_PRINTF(4, 5);
+int formatStatementV(Session &session, char *buffer, std::size_t size, const char *format,
+                     va_list args) MFADB_PRINTF(4, 0);
 
-// Builds one entry per row of the session's result with make(row), which
-// returns null when memory is short. Count and array are stored only when
-// every row was copied; otherwise what was built is destroyed.
-template <typename T, typename Make, typename Destroy>
-int collectRows(const Session &session, const char *label, Make make, Destroy destroy, int *count,
-                T ***array) {
-  int rows = session.rows();
-  T **built = newArray<T>(rows, label);
-  if (built == nullptr)
-    return MFADATA_OUT_OF_MEMORY;
-  for (int row = 0; row < rows; row++) {
-    if ((built[row] = make(row)) == nullptr) {
-      destroyArray(built, rows, destroy);
-      return MFADATA_OUT_OF_MEMORY;
-    }
-  }
-  *count = rows;
-  *array = built;
-  return 0;
-}
+// The size column of results in which every row stands alone.
+constexpr int kEachRow = -1;
 
 // Readers of joined rows whose groups are adjacent and carry their group's
-// size in sizeColumn (a window count). Calls visit(firstRow, size) for each
-// group until it returns non-zero, and returns that status or 0. A size that
-// is not positive counts as 1 and one that runs past the last row is cut, so
-// bad data can never make a reader step outside the result.
+// size in sizeColumn (a window count). A size that is not positive counts as
+// 1 and one that runs past the last row is cut, so bad data can never make a
+// reader step outside the result.
+inline int groupSize(const Session &session, int first, int sizeColumn) {
+  int size = sizeColumn == kEachRow ? 1 : session.integer(first, sizeColumn);
+  return size <= 0 ? 1 : std::min(size, session.rows() - first);
+}
+
+// Calls visit(firstRow, size) for each group until it returns non-zero, and
+// returns that status or 0.
 template <typename Visit> int forEachGroup(const Session &session, int sizeColumn, Visit visit) {
-  int rows = session.rows();
-  for (int first = 0; first < rows;) {
-    int size = session.integer(first, sizeColumn);
-    size = size <= 0 ? 1 : std::min(size, rows - first);
+  for (int first = 0; first < session.rows();) {
+    int size = groupSize(session, first, sizeColumn);
     if (int status = visit(first, size))
       return status;
     first += size;
@@ -192,10 +208,28 @@ template <typename Visit> int forEachGroup(const Session &session, int sizeColum
   return 0;
 }
 
-inline int countGroups(const Session &session, int sizeColumn) {
+// Builds one entry per group with make(firstRow, size), which returns null
+// when memory is short. Count and array are stored only when every entry was
+// built; otherwise what was built is destroyed.
+template <typename T, typename Make, typename Destroy>
+int collectGroups(const Session &session, int sizeColumn, const char *label, Make make,
+                  Destroy destroy, int *count, T ***array) {
   int groups = 0;
   forEachGroup(session, sizeColumn, [&](int, int) { return ++groups, 0; });
-  return groups;
+  T **built = newArray<T>(groups, label);
+  if (built == nullptr)
+    return MFADATA_OUT_OF_MEMORY;
+  int made = 0;
+  int status = forEachGroup(session, sizeColumn, [&](int first, int size) {
+    return (built[made++] = make(first, size)) == nullptr ? MFADATA_OUT_OF_MEMORY : 0;
+  });
+  if (status != 0) {
+    destroyArray(built, groups, destroy);
+    return status;
+  }
+  *count = groups;
+  *array = built;
+  return 0;
 }
 
 } // namespace mfadb

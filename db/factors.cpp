@@ -23,10 +23,8 @@ FactorDef factorDefinition(const Session &session, int row) {
 // The single-row reads by name and by id share everything after the query:
 // columns factorname, factornote, factorsettings, factorid.
 int storeOneDefinition(Session &session, MFAAdminFactorData **result) {
-  if (session.rows() == 0) {
-    session.report("No data returned\n");
-    return QN_DB_NOT_FOUND;
-  }
+  if (int status = session.requireRows("No data returned\n"))
+    return status;
   FactorDef factor = factorDefinition(session, 0);
   if (!factor)
     return MFADATA_OUT_OF_MEMORY;
@@ -48,13 +46,11 @@ int qn_db_factorGetEnabledNames(dbctx *context, int *count, char ***names) {
   if (int status = session.exec("select factorname from qmx_factor where isenabled=1",
                                 Expect::Tuples, kSelectFailed))
     return status;
-  if (session.rows() == 0) {
-    session.report("no factors\n");
-    return QN_DB_NOT_FOUND;
-  }
-  return collectRows(
-      session, "factornamearray",
-      [&](int row) {
+  if (int status = session.requireRows("no factors\n"))
+    return status;
+  return collectGroups(
+      session, kEachRow, "factornamearray",
+      [&](int row, int) {
         char *name = nullptr;
         return session.copyTo(&name, row, 0) ? name : nullptr;
       },
@@ -72,13 +68,11 @@ int qn_db_factorGetAll(dbctx *context, int *count, MFAAdminFactorData ***factors
                                 "by factorname",
                                 Expect::Tuples, kSelectFailed))
     return status;
-  if (session.rows() == 0) {
-    session.report("no factors\n");
-    return QN_DB_NOT_FOUND;
-  }
-  return collectRows(
-      session, "factordefarray",
-      [&](int row) {
+  if (int status = session.requireRows("no factors\n"))
+    return status;
+  return collectGroups(
+      session, kEachRow, "factordefarray",
+      [&](int row, int) {
         FactorDef factor = factorDefinition(session, row);
         if (factor) {
           factor->isenabled = session.integer(row, 3);
@@ -93,11 +87,9 @@ int qn_db_factorGetByName(dbctx *context, const char *factorName, MFAAdminFactor
   if (factorName == nullptr || factor == nullptr)
     return QN_DB_BAD_PARAMETERS;
   Session session(context);
-  if (int status = session.connect())
+  Escaped name;
+  if (int status = session.connect({{name, factorName}}))
     return status;
-  Escaped name = session.escape(factorName);
-  if (!name)
-    return QN_DB_BAD_PARAMETERS;
   if (int status = session.execParams("select factorname, factornote, factorsettings, factorid "
                                       "from qmx_factor where factorname=$1",
                                       Expect::Tuples, kSelectFailed, {name.get()}))
@@ -111,25 +103,19 @@ int qn_db_factorGetById(dbctx *context, int factorid, MFAAdminFactorData **facto
   Session session(context);
   if (int status = session.connect())
     return status;
-  char sql[1024];
-  if (int status = formatStatement(session, sql, sizeof sql,
-                                   "select factorname, factornote, factorsettings, factorid from "
-                                   "qmx_factor where factorid=%d",
-                                   factorid))
-    return status;
-  if (int status = session.execParams(sql, Expect::Tuples, kSelectFailed))
+  if (int status = session.execFormatted(Expect::Tuples, kSelectFailed,
+                                         "select factorname, factornote, factorsettings, "
+                                         "factorid from qmx_factor where factorid=%d",
+                                         factorid))
     return status;
   return storeOneDefinition(session, factor);
 }
 
 int qn_db_factorUpdateSettings(dbctx *context, const char *factorName, const char *settings) {
   Session session(context);
-  if (int status = session.connect())
+  Escaped name, escapedSettings;
+  if (int status = session.connect({{name, factorName}, {escapedSettings, settings}}))
     return status;
-  Escaped name = session.escape(factorName);
-  Escaped escapedSettings = session.escape(settings);
-  if (!name || !escapedSettings)
-    return QN_DB_BAD_PARAMETERS;
   return session.execParams("update qmx_factor set factorsettings=$2 where factorname=$1",
                             Expect::Command,
                             {QN_DB_UPDATE_FAILED, "UPDATE failed: %s\n", Reason::Result},
@@ -140,33 +126,24 @@ int qn_db_userFactorConnectById(dbctx *context, int userid, int factorid, int is
   Session session(context);
   if (int status = session.connect())
     return status;
-  char sql[1024];
-  if (int status = formatStatement(session, sql, sizeof sql,
-                                   "insert into qmx_userfactor(userid, factorid,isactive,"
-                                   "factortags) values(%d,%d,%d,'{}')",
-                                   userid, factorid, isactive))
-    return status;
-  return session.execParams(sql, Expect::Command, kInsertFailed);
+  return session.execFormatted(Expect::Command, kInsertFailed,
+                               "insert into qmx_userfactor(userid, factorid,isactive,"
+                               "factortags) values(%d,%d,%d,'{}')",
+                               userid, factorid, isactive);
 }
 
 int qn_db_userFactorConnect(dbctx *context, const char *unixuid, const char *factorName,
                             int isactive) {
   Session session(context);
-  if (int status = session.connect())
+  Escaped uid, name;
+  if (int status = session.connect({{uid, unixuid}, {name, factorName}}))
     return status;
-  Escaped uid = session.escape(unixuid);
-  Escaped name = session.escape(factorName);
-  if (!uid || !name)
-    return QN_DB_BAD_PARAMETERS;
-  char sql[1024];
-  if (int status = formatStatement(
-          session, sql, sizeof sql,
-          "insert into qmx_userfactor(userid, factorid, factortags,isactive) select "
-          "au.userid,af.factorid,'{}',%d from qmx_user au,qmx_factor af where au.unixuid='%s' "
-          "and af.factorname='%s'",
-          isactive, uid.get(), name.get()))
-    return status;
-  return session.execParams(sql, Expect::Command, kInsertFailed);
+  return session.execFormatted(
+      Expect::Command, kInsertFailed,
+      "insert into qmx_userfactor(userid, factorid, factortags,isactive) select "
+      "au.userid,af.factorid,'{}',%d from qmx_user au,qmx_factor af where au.unixuid='%s' "
+      "and af.factorname='%s'",
+      isactive, uid.get(), name.get());
 }
 
 int qn_db_userFactorConnectFromPolicyId(dbctx *context, int userid, int policyid) {
@@ -177,38 +154,27 @@ int qn_db_userFactorConnectFromPolicyId(dbctx *context, int userid, int policyid
   }
   if (int status = session.connect())
     return status;
-  char sql[1024];
-  if (int status = formatStatement(session, sql, sizeof sql,
-                                   "insert into qmx_userfactor(factorid,userid,factortags,"
-                                   "isactive) (select factorid,%d,'{}',1 from qmx_policyfactor "
-                                   "pf where pf.policyid = %d) on conflict do nothing",
-                                   userid, policyid))
-    return status;
-  return session.execParams(sql, Expect::Command, kInsertFailed);
+  return session.execFormatted(Expect::Command, kInsertFailed,
+                               "insert into qmx_userfactor(factorid,userid,factortags,"
+                               "isactive) (select factorid,%d,'{}',1 from qmx_policyfactor "
+                               "pf where pf.policyid = %d) on conflict do nothing",
+                               userid, policyid);
 }
 
 int qn_db_userFactorDisconnectById(dbctx *context, int userfactorid) {
   Session session(context);
   if (int status = session.connect())
     return status;
-  char sql[1024];
-  if (int status =
-          formatStatement(session, sql, sizeof sql,
-                          "delete from qmx_userfactor where userfactorid = %d", userfactorid))
-    return status;
-  return session.execParams(
-      sql, Expect::Command,
-      {QN_DB_DELETE_FAILED, "delete failed for userfactor: %s\n", Reason::Result});
+  return session.execFormatted(
+      Expect::Command, {QN_DB_DELETE_FAILED, "delete failed for userfactor: %s\n", Reason::Result},
+      "delete from qmx_userfactor where userfactorid = %d", userfactorid);
 }
 
 int qn_db_userFactorDisconnect(dbctx *context, const char *unixuid, const char *factorName) {
   Session session(context);
-  if (int status = session.connect())
+  Escaped uid, name;
+  if (int status = session.connect({{uid, unixuid}, {name, factorName}}))
     return status;
-  Escaped uid = session.escape(unixuid);
-  Escaped name = session.escape(factorName);
-  if (!uid || !name)
-    return QN_DB_BAD_PARAMETERS;
   // Reported as an insert failure code, unlike the by-id form.
   return session.execParams("delete from qmx_userfactor where factorid = (select factorid from "
                             "qmx_factor where factorname=$1) and userid = (select userid from "
@@ -221,33 +187,23 @@ int qn_db_userFactorDisconnect(dbctx *context, const char *unixuid, const char *
 int qn_db_userFactorUpdateIsActive(dbctx *context, const char *unixuid, const char *factorName,
                                    int isactive) {
   Session session(context);
-  if (int status = session.connect())
+  Escaped uid, name;
+  if (int status = session.connect({{uid, unixuid}, {name, factorName}}))
     return status;
-  Escaped uid = session.escape(unixuid);
-  Escaped name = session.escape(factorName);
-  if (!uid || !name)
-    return QN_DB_BAD_PARAMETERS;
-  char sql[1024];
-  if (int status = formatStatement(
-          session, sql, sizeof sql,
-          "update qmx_userfactor set isactive=%d where factorid=(select factorid from "
-          "qmx_factor where factorname='%s') and userid=(select userid from qmx_user where "
-          "unixuid='%s') ",
-          isactive, name.get(), uid.get()))
-    return status;
-  return session.execParams(sql, Expect::Command, kUpdateFailed);
+  return session.execFormatted(
+      Expect::Command, kUpdateFailed,
+      "update qmx_userfactor set isactive=%d where factorid=(select factorid from "
+      "qmx_factor where factorname='%s') and userid=(select userid from qmx_user where "
+      "unixuid='%s') ",
+      isactive, name.get(), uid.get());
 }
 
 int qn_db_userFactorTagsUpdate(dbctx *context, const char *unixuid, const char *factorName,
                                const char *tags, int isactive) {
   Session session(context);
-  if (int status = session.connect())
+  Escaped uid, name, escapedTags;
+  if (int status = session.connect({{uid, unixuid}, {name, factorName}, {escapedTags, tags}}))
     return status;
-  Escaped uid = session.escape(unixuid);
-  Escaped name = session.escape(factorName);
-  Escaped escapedTags = session.escape(tags);
-  if (!uid || !name || !escapedTags)
-    return QN_DB_BAD_PARAMETERS;
   // -1 leaves the active flag as it is.
   char activePart[15] = {};
   if (isactive != -1) {
@@ -255,15 +211,12 @@ int qn_db_userFactorTagsUpdate(dbctx *context, const char *unixuid, const char *
             formatStatement(session, activePart, sizeof activePart, ",isactive=%d ", isactive))
       return status;
   }
-  char sql[1024];
-  if (int status = formatStatement(
-          session, sql, sizeof sql,
-          "update qmx_userfactor set factortags='%s' %s where factorid=(select factorid from "
-          "qmx_factor where factorname='%s') and userid=(select userid from qmx_user where "
-          "unixuid='%s') ",
-          escapedTags.get(), activePart, name.get(), uid.get()))
-    return status;
-  return session.execParams(sql, Expect::Command, kUpdateFailed);
+  return session.execFormatted(
+      Expect::Command, kUpdateFailed,
+      "update qmx_userfactor set factortags='%s' %s where factorid=(select factorid from "
+      "qmx_factor where factorname='%s') and userid=(select userid from qmx_user where "
+      "unixuid='%s') ",
+      escapedTags.get(), activePart, name.get(), uid.get());
 }
 
 int qn_db_userFactorTagsClear(dbctx *, const char *, const char *) {
@@ -277,19 +230,14 @@ int qn_db_getMfaIdFactornameFromConnectionId(dbctx *context, int userfactorid, c
   Session session(context);
   if (int status = session.connect())
     return status;
-  char sql[1024];
-  if (int status = formatStatement(session, sql, sizeof sql,
-                                   "select unixuid,factorname from qmx_user au, qmx_factor af, "
-                                   "qmx_userfactor auf where au.userid=auf.userid and "
-                                   "af.factorid=auf.factorid and userfactorid=%d",
-                                   userfactorid))
+  if (int status = session.execFormatted(Expect::Tuples, kSelectFailed,
+                                         "select unixuid,factorname from qmx_user au, qmx_factor "
+                                         "af, qmx_userfactor auf where au.userid=auf.userid and "
+                                         "af.factorid=auf.factorid and userfactorid=%d",
+                                         userfactorid))
     return status;
-  if (int status = session.execParams(sql, Expect::Tuples, kSelectFailed))
+  if (int status = session.requireRows("No data returned\n"))
     return status;
-  if (session.rows() == 0) {
-    session.report("No data returned\n");
-    return QN_DB_NOT_FOUND;
-  }
   char *uid = nullptr, *name = nullptr;
   if (!session.copyTo(&uid, 0, 0) || !session.copyTo(&name, 0, 1)) {
     freeString(uid);

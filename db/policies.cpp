@@ -33,24 +33,18 @@ int linkFactorsByName(Session &session, const Escaped &policyName, const userPol
     Escaped factorName = session.escape(policy.factorNames[i]);
     if (!factorName)
       return QN_DB_BAD_PARAMETERS;
-    char sql[1024];
-    if (int status = formatStatement(session, sql, sizeof sql, kLinkByNames, policyName.get(),
-                                     factorName.get()))
-      return status;
-    if (int status = session.execParams(sql, Expect::Command, kInsertFailed))
+    if (int status = session.execFormatted(Expect::Command, kInsertFailed, kLinkByNames,
+                                           policyName.get(), factorName.get()))
       return status;
   }
   return 0;
 }
 
 int linkFactorsById(Session &session, int policyid, int numFactors, const int *factorIds) {
-  for (int i = 0; i < numFactors; i++) {
-    char sql[1024];
-    if (int status = formatStatement(session, sql, sizeof sql, kLinkByIds, policyid, factorIds[i]))
+  for (int i = 0; i < numFactors; i++)
+    if (int status = session.execFormatted(Expect::Command, kInsertFailed, kLinkByIds, policyid,
+                                           factorIds[i]))
       return status;
-    if (int status = session.execParams(sql, Expect::Command, kInsertFailed))
-      return status;
-  }
   return 0;
 }
 
@@ -66,16 +60,10 @@ userPolicyData *policyDefinition(const Session &session, int first, int size, in
   policy->ctctimeout = session.integer(first, 2);
   policy->ctcreuse = session.integer(first, 3);
   policy->numFactors = size;
-  if ((policy->factorNames = newArray<char>(size, "factor names")) == nullptr)
+  if (!session.copyColumn(&policy->factorNames, first, size, nameColumn, "factor names") ||
+      (noteColumn >= 0 &&
+       !session.copyColumn(&policy->factorNotes, first, size, noteColumn, "factor notes")))
     return nullptr;
-  if (noteColumn >= 0 && (policy->factorNotes = newArray<char>(size, "factor notes")) == nullptr)
-    return nullptr;
-  for (int i = 0; i < size; i++) {
-    if (!session.copyTo(&policy->factorNames[i], first + i, nameColumn))
-      return nullptr;
-    if (noteColumn >= 0 && !session.copyTo(&policy->factorNotes[i], first + i, noteColumn))
-      return nullptr;
-  }
   return policy.release();
 }
 
@@ -91,41 +79,22 @@ PolicyRecord policyRecord(const Session &session, int row) {
   return policy;
 }
 
-// Runs a constant statement with the escaped name as $1.
-int runByName(Session &session, const char *sql, const Failure &failure, const Escaped &name) {
-  return session.execParams(sql, Expect::Command, failure, {name.get()});
-}
-
-// Formats a statement around one integer and runs it.
-int runById(Session &session, const char *format, int id, const Failure &failure) {
-  char sql[1024];
-  if (int status = formatStatement(session, sql, sizeof sql, format, id))
-    return status;
-  return session.execParams(sql, Expect::Command, failure);
-}
-
 } // namespace
 
 extern "C" {
 
 int qn_db_policyCreate(dbctx *context, const userPolicyData *policy) {
   Session session(context);
-  if (int status = session.connect())
+  Escaped name, note;
+  if (int status = session.connect({{name, policy ? policy->policyname : nullptr},
+                                    {note, policy ? policy->policynote : nullptr}}))
     return status;
-  if (policy == nullptr)
-    return QN_DB_BAD_PARAMETERS;
-  Escaped name = session.escape(policy->policyname);
-  Escaped note = session.escape(policy->policynote);
-  if (!name || !note)
-    return QN_DB_BAD_PARAMETERS;
   return session.transaction([&] {
-    char sql[1024];
-    if (int status = formatStatement(session, sql, sizeof sql,
-                                     "insert into qmx_policy(policyname,policynote,ctctimeout,"
-                                     "ctcreuse) values('%s', '%s', %d, %d) ",
-                                     name.get(), note.get(), policy->ctctimeout, policy->ctcreuse))
-      return status;
-    if (int status = session.execParams(sql, Expect::Either, kInsertFailed))
+    if (int status =
+            session.execFormatted(Expect::Either, kInsertFailed,
+                                  "insert into qmx_policy(policyname,policynote,"
+                                  "ctctimeout,ctcreuse) values('%s', '%s', %d, %d) ",
+                                  name.get(), note.get(), policy->ctctimeout, policy->ctcreuse))
       return status;
     return linkFactorsByName(session, name, *policy);
   });
@@ -138,20 +107,15 @@ int qn_db_policyCreateREST(dbctx *context, const char *policyName, const char *p
     session.report("Bad parameters to policy create.\n");
     return QN_DB_BAD_PARAMETERS;
   }
-  if (int status = session.connect())
+  Escaped name, note;
+  if (int status = session.connect({{name, policyName}, {note, policyNote}}))
     return status;
-  Escaped name = session.escape(policyName);
-  Escaped note = session.escape(policyNote);
-  if (!name || !note)
-    return QN_DB_BAD_PARAMETERS;
   return session.transaction([&] {
-    char sql[1024];
-    if (int status = formatStatement(session, sql, sizeof sql,
-                                     "insert into qmx_policy(policyname,policynote,ctctimeout,"
-                                     "ctcreuse) values('%s', '%s', %d, %d) returning policyid",
-                                     name.get(), note.get(), ctctimeout, ctcreuse))
-      return status;
-    if (int status = session.execParams(sql, Expect::Either, kInsertFailed))
+    if (int status = session.execFormatted(Expect::Either, kInsertFailed,
+                                           "insert into qmx_policy(policyname,policynote,"
+                                           "ctctimeout,ctcreuse) values('%s', '%s', %d, %d) "
+                                           "returning policyid",
+                                           name.get(), note.get(), ctctimeout, ctcreuse))
       return status;
     int policyid = session.rows() > 0 ? session.integer(0, 0) : 0;
     if (policyid == 0) {
@@ -175,26 +139,12 @@ int qn_db_policyGetAll(dbctx *context, int *count, userPolicyData ***policies) {
                     "ap.policyid=apf.policyid";
   if (int status = session.exec((sql + kPolicyOrder).c_str(), Expect::Tuples, kSelectFailed))
     return status;
-  if (session.rows() == 0) {
-    session.report("no policies\n");
-    return QN_DB_NOT_FOUND;
-  }
-  int groups = countGroups(session, 6);
-  userPolicyData **built = newArray<userPolicyData>(groups, "policy data array");
-  if (built == nullptr)
-    return MFADATA_OUT_OF_MEMORY;
-  int made = 0;
-  int status = forEachGroup(session, 6, [&](int first, int size) {
-    built[made] = policyDefinition(session, first, size, 4, 5);
-    return built[made++] == nullptr ? MFADATA_OUT_OF_MEMORY : 0;
-  });
-  if (status != 0) {
-    destroyArray(built, groups, destroyUserPolicyData);
+  if (int status = session.requireRows("no policies\n"))
     return status;
-  }
-  *count = groups;
-  *policies = built;
-  return 0;
+  return collectGroups(
+      session, 6, "policy data array",
+      [&](int first, int size) { return policyDefinition(session, first, size, 4, 5); },
+      destroyUserPolicyData, count, policies);
 }
 
 int qn_db_policyGetOne(dbctx *context, const char *policyName, userPolicyData **policy) {
@@ -212,15 +162,9 @@ int qn_db_policyGetOne(dbctx *context, const char *policyName, userPolicyData **
   if (int status = session.execParams((sql + kPolicyOrder).c_str(), Expect::Tuples, kSelectFailed,
                                       {policyName}))
     return status;
-  if (session.rows() == 0) {
-    session.report("no policy data returned\n");
-    return QN_DB_NOT_FOUND;
-  }
-  userPolicyData *read = nullptr;
-  forEachGroup(session, 5, [&](int first, int size) {
-    read = policyDefinition(session, first, size, 4, -1);
-    return 1; // the first group is the policy
-  });
+  if (int status = session.requireRows("no policy data returned\n"))
+    return status;
+  userPolicyData *read = policyDefinition(session, 0, groupSize(session, 0, 5), 4, -1);
   if (read == nullptr)
     return MFADATA_OUT_OF_MEMORY;
   *policy = read;
@@ -237,13 +181,12 @@ int qn_db_policyGetAllREST(dbctx *context, int *count, MFAAdminPolicyData ***pol
                                 "qmx_policy order by policyname",
                                 Expect::Tuples, kSelectFailed))
     return status;
-  if (session.rows() == 0) {
-    session.report("no policies\n");
-    return QN_DB_NOT_FOUND;
-  }
-  return collectRows(
-      session, "policy data array", [&](int row) { return policyRecord(session, row).release(); },
-      destroyMFAAdminPolicyData, count, policies);
+  if (int status = session.requireRows("no policies\n"))
+    return status;
+  return collectGroups(
+      session, kEachRow, "policy data array",
+      [&](int row, int) { return policyRecord(session, row).release(); }, destroyMFAAdminPolicyData,
+      count, policies);
 }
 
 int qn_db_policyGetOneREST(dbctx *context, int policyid, MFAAdminPolicyData **policy) {
@@ -252,9 +195,8 @@ int qn_db_policyGetOneREST(dbctx *context, int policyid, MFAAdminPolicyData **po
   Session session(context);
   if (int status = session.connect())
     return status;
-  char sql[1024];
-  if (int status = formatStatement(
-          session, sql, sizeof sql,
+  if (int status = session.execFormatted(
+          Expect::Tuples, kSelectFailed,
           "select ap.policyname,ap.policynote,ap.ctctimeout,ap.ctcreuse,ap.policyid, "
           "af.factorid,af.factorname,af.factornote, count(af.factorid) over (partition by "
           "ap.policyname,ap.ctctimeout,ap.ctcreuse,ap.policyid) as numfactors from qmx_policy "
@@ -262,16 +204,12 @@ int qn_db_policyGetOneREST(dbctx *context, int policyid, MFAAdminPolicyData **po
           "ap.policyid=apf.policyid and ap.policyid=%d",
           policyid))
     return status;
-  if (int status = session.execParams(sql, Expect::Tuples, kSelectFailed))
+  if (int status = session.requireRows("no policy data returned\n"))
     return status;
-  if (session.rows() == 0) {
-    session.report("no policy data returned\n");
-    return QN_DB_NOT_FOUND;
-  }
   PolicyRecord read = policyRecord(session, 0);
   if (!read)
     return MFADATA_OUT_OF_MEMORY;
-  int size = std::clamp(session.integer(0, 8), 1, session.rows());
+  int size = groupSize(session, 0, 8);
   if ((read->factors = newArray<MFAAdminFactorData>(size, "factor")) == nullptr)
     return MFADATA_OUT_OF_MEMORY;
   read->numFactors = size;
@@ -288,14 +226,10 @@ int qn_db_policyGetOneREST(dbctx *context, int policyid, MFAAdminPolicyData **po
 
 int qn_db_policyUpdate(dbctx *context, const userPolicyData *policy) {
   Session session(context);
-  if (int status = session.connect())
+  Escaped name, note;
+  if (int status = session.connect({{name, policy ? policy->policyname : nullptr},
+                                    {note, policy ? policy->policynote : nullptr}}))
     return status;
-  if (policy == nullptr)
-    return QN_DB_BAD_PARAMETERS;
-  Escaped name = session.escape(policy->policyname);
-  Escaped note = session.escape(policy->policynote);
-  if (!name || !note)
-    return QN_DB_BAD_PARAMETERS;
   return session.transaction([&] {
     // The name is matched and written back unchanged: renaming is not offered.
     char sql[512];
@@ -308,10 +242,9 @@ int qn_db_policyUpdate(dbctx *context, const userPolicyData *policy) {
     if (int status = session.execParams(
             sql, Expect::Command, {QN_DB_UPDATE_FAILED, "update failed: %s\n", Reason::Result}))
       return status;
-    if (int status = runByName(session,
-                               "delete from qmx_policyfactor where policyid = (select policyid "
-                               "from qmx_policy where policyname=$1)",
-                               kDeleteFailed, name))
+    if (int status = session.execParams("delete from qmx_policyfactor where policyid = (select "
+                                        "policyid from qmx_policy where policyname=$1)",
+                                        Expect::Command, kDeleteFailed, {name.get()}))
       return status;
     return linkFactorsByName(session, name, *policy);
   });
@@ -320,20 +253,15 @@ int qn_db_policyUpdate(dbctx *context, const userPolicyData *policy) {
 int qn_db_policyUpdateREST(dbctx *context, int policyid, const char *policyNote, int ctcreuse,
                            int ctctimeout) {
   Session session(context);
-  if (int status = session.connect())
+  Escaped note;
+  if (int status = session.connect({{note, policyNote}}))
     return status;
-  Escaped note = session.escape(policyNote);
-  if (!note)
-    return QN_DB_BAD_PARAMETERS;
+  // Reported with the insert text and code, as the management side expects.
   return session.transaction([&] {
-    char sql[1024];
-    if (int status = formatStatement(session, sql, sizeof sql,
-                                     "update qmx_policy set policynote='%s', ctctimeout=%d, "
-                                     "ctcreuse=%d  where policyid='%d'",
-                                     note.get(), ctctimeout, ctcreuse, policyid))
-      return status;
-    // Reported with the insert text and code, as the management side expects.
-    return session.execParams(sql, Expect::Command, kInsertFailed);
+    return session.execFormatted(Expect::Command, kInsertFailed,
+                                 "update qmx_policy set policynote='%s', ctctimeout=%d, "
+                                 "ctcreuse=%d  where policyid='%d'",
+                                 note.get(), ctctimeout, ctcreuse, policyid);
   });
 }
 
@@ -357,29 +285,25 @@ int qn_db_policyDisconnectFactor(dbctx *context, int policyid, int factorid) {
   }
   if (int status = session.connect())
     return status;
-  char sql[1024];
-  if (int status = formatStatement(session, sql, sizeof sql,
-                                   "delete from qmx_policyfactor where policyid = %d and "
-                                   "factorid = %d",
-                                   policyid, factorid))
-    return status;
-  return session.execParams(sql, Expect::Command, kDeleteFailed);
+  return session.execFormatted(Expect::Command, kDeleteFailed,
+                               "delete from qmx_policyfactor where policyid = %d and "
+                               "factorid = %d",
+                               policyid, factorid);
 }
 
 int qn_db_policyDelete(dbctx *context, const char *policyName) {
   Session session(context);
-  if (int status = session.connect())
+  Escaped name;
+  if (int status = session.connect({{name, policyName}}))
     return status;
-  Escaped name = session.escape(policyName);
-  if (!name)
-    return QN_DB_BAD_PARAMETERS;
   return session.transaction([&] {
     for (const char *sql : {"delete from qmx_userpolicy where policyid = (select policyid from "
                             "qmx_policy where policyname=$1)",
                             "delete from qmx_policyfactor where policyid = (select policyid "
                             "from qmx_policy where policyname=$1)",
                             "delete from qmx_policy where policyname=$1"})
-      if (int status = runByName(session, sql, kDeleteAsInsertFailed, name))
+      if (int status =
+              session.execParams(sql, Expect::Command, kDeleteAsInsertFailed, {name.get()}))
         return status;
     return 0;
   });
@@ -403,7 +327,7 @@ int qn_db_policyDeleteById(dbctx *context, int policyid) {
   };
   return session.transaction([&] {
     for (const Step &step : steps)
-      if (int status = runById(session, step.sql, policyid, step.failure))
+      if (int status = session.execFormatted(Expect::Command, step.failure, step.sql, policyid))
         return status;
     return 0;
   });
@@ -413,48 +337,36 @@ int qn_db_userPolicyConnectById(dbctx *context, int userid, int policyid) {
   Session session(context);
   if (int status = session.connect())
     return status;
-  char sql[1024];
-  if (int status = formatStatement(session, sql, sizeof sql,
-                                   "insert into qmx_userpolicy(userid, policyid) values (%d,%d)",
-                                   userid, policyid))
-    return status;
-  return session.execParams(sql, Expect::Command, kInsertFailed);
+  return session.execFormatted(Expect::Command, kInsertFailed,
+                               "insert into qmx_userpolicy(userid, policyid) values (%d,%d)",
+                               userid, policyid);
 }
 
 int qn_db_userPolicyConnect(dbctx *context, const char *unixuid, const char *policyName) {
   Session session(context);
-  if (int status = session.connect())
+  Escaped uid, name;
+  if (int status = session.connect({{uid, unixuid}, {name, policyName}}))
     return status;
-  Escaped uid = session.escape(unixuid);
-  Escaped name = session.escape(policyName);
-  if (!uid || !name)
-    return QN_DB_BAD_PARAMETERS;
-  char sql[1024];
-  if (int status = formatStatement(session, sql, sizeof sql,
-                                   "insert into qmx_userpolicy(userid, policyid) select "
-                                   "au.userid,ap.policyid from qmx_user au,qmx_policy ap where "
-                                   "au.unixuid='%s' and ap.policyname='%s'",
-                                   uid.get(), name.get()))
-    return status;
-  return session.execParams(sql, Expect::Command, kInsertFailed);
+  return session.execFormatted(Expect::Command, kInsertFailed,
+                               "insert into qmx_userpolicy(userid, policyid) select "
+                               "au.userid,ap.policyid from qmx_user au,qmx_policy ap where "
+                               "au.unixuid='%s' and ap.policyname='%s'",
+                               uid.get(), name.get());
 }
 
 int qn_db_userPolicyDisconnectById(dbctx *context, int userpolicyid) {
   Session session(context);
   if (int status = session.connect())
     return status;
-  return runById(session, "delete from qmx_userpolicy where userpolicyid = %d", userpolicyid,
-                 kDeleteAsInsertFailed);
+  return session.execFormatted(Expect::Command, kDeleteAsInsertFailed,
+                               "delete from qmx_userpolicy where userpolicyid = %d", userpolicyid);
 }
 
 int qn_db_userPolicyDisconnect(dbctx *context, const char *unixuid, const char *policyName) {
   Session session(context);
-  if (int status = session.connect())
+  Escaped uid, name;
+  if (int status = session.connect({{uid, unixuid}, {name, policyName}}))
     return status;
-  Escaped uid = session.escape(unixuid);
-  Escaped name = session.escape(policyName);
-  if (!uid || !name)
-    return QN_DB_BAD_PARAMETERS;
   return session.execParams("delete from qmx_userpolicy where policyid = (select policyid from "
                             "qmx_policy where policyname=$1) and userid = (select userid from "
                             "qmx_user where unixuid=$2)",

@@ -36,42 +36,45 @@ factorData *readFactor(const Session &session, int row, const char *name, int ta
 }
 
 int readFactors(const Session &session, userMFAData &record) {
-  int rows = session.rows();
-  if ((record.factors = newArray<factorData>(rows, "factordata array")) == nullptr)
-    return MFADATA_OUT_OF_MEMORY;
-  record.numFactors = static_cast<uint32_t>(rows);
-  for (int row = 0; row < rows; row++)
-    if ((record.factors[row] = readFactor(session, row, session.text(row, 0), 1, 2)) == nullptr)
-      return MFADATA_OUT_OF_MEMORY;
+  int count = 0;
+  if (int status = collectGroups(
+          session, kEachRow, "factordata array",
+          [&](int row, int) { return readFactor(session, row, session.text(row, 0), 1, 2); },
+          kfactor_factorData_destroy, &count, &record.factors))
+    return status;
+  record.numFactors = static_cast<uint32_t>(count);
   return 0;
 }
 
 // The user's policies: one group of adjacent rows per policy, each row naming
 // one of its factors (column 3) and the group's size (column 4).
 int readPolicies(const Session &session, userMFAData &record) {
-  int groups = countGroups(session, 4);
-  if (groups == 0)
+  if (session.rows() == 0)
     return 0;
-  if ((record.policyNames = newArray<char>(groups, "policy name pointers")) == nullptr ||
-      (record.policies = newArray<policyData>(groups, "policy data")) == nullptr)
+  int count = 0;
+  if (int status = collectGroups(
+          session, 4, "policy data",
+          [&](int first, int size) -> policyData * {
+            Policy policy(
+                reinterpret_cast<policyData *>(safeMalloc(sizeof(policyData), "policy data")));
+            if (!policy || !session.copyTo(&policy->policyName, first, 0))
+              return nullptr;
+            policy->tokenTimeout = session.integer(first, 1);
+            policy->tokenReuse = session.integer(first, 2);
+            policy->numFactors = static_cast<uint32_t>(size);
+            if (!session.copyColumn(&policy->factorNames, first, size, 3, "factor names"))
+              return nullptr;
+            return policy.release();
+          },
+          policyData_destroy, &count, &record.policies))
+    return status;
+  record.numPolicies = static_cast<uint32_t>(count);
+  if ((record.policyNames = newArray<char>(count, "policy name pointers")) == nullptr)
     return MFADATA_OUT_OF_MEMORY;
-  record.numPolicies = static_cast<uint32_t>(groups);
-  int index = 0;
-  return forEachGroup(session, 4, [&](int first, int size) {
-    Policy policy(reinterpret_cast<policyData *>(safeMalloc(sizeof(policyData), "policy data")));
-    if (!policy || !session.copyTo(&policy->policyName, first, 0) ||
-        !session.copyTo(&record.policyNames[index], first, 0) ||
-        (policy->factorNames = newArray<char>(size, "factor names")) == nullptr)
+  for (int i = 0; i < count; i++)
+    if ((record.policyNames[i] = duplicateString(record.policies[i]->policyName)) == nullptr)
       return MFADATA_OUT_OF_MEMORY;
-    policy->tokenTimeout = session.integer(first, 1);
-    policy->tokenReuse = session.integer(first, 2);
-    policy->numFactors = static_cast<uint32_t>(size);
-    for (int i = 0; i < size; i++)
-      if (!session.copyTo(&policy->factorNames[i], first + i, 3))
-        return MFADATA_OUT_OF_MEMORY;
-    record.policies[index++] = policy.release();
-    return 0;
-  });
+  return 0;
 }
 
 struct RcText {

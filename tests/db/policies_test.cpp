@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -13,62 +14,73 @@
 
 namespace {
 
-using mfatest::PgTest;
 using mfatest::Rows;
 
-// A definition over caller-owned strings, for create and update.
-struct Definition {
-  std::vector<char *> names;
-  userPolicyData data{};
-  Definition(const char *name, const char *note, int timeout, int reuse,
-             std::vector<const char *> factors) {
-    for (const char *f : factors)
-      names.push_back(const_cast<char *>(f));
-    data = {const_cast<char *>(name),
-            const_cast<char *>(note),
-            timeout,
-            reuse,
-            static_cast<int>(names.size()),
-            names.data(),
-            nullptr};
-  }
-};
-
-std::set<std::string> factorSet(const userPolicyData *policy) {
-  return {policy->factorNames, policy->factorNames + policy->numFactors};
+// Calls a by-name writer with a definition over the given strings.
+int write(int (*writer)(dbctx *, const userPolicyData *), dbctx *ctx, std::string name,
+          std::string note, int timeout, int reuse, std::vector<const char *> factors) {
+  userPolicyData data{name.data(), note.data(), timeout, reuse, 0, nullptr, nullptr};
+  data.numFactors = static_cast<int>(factors.size());
+  data.factorNames = const_cast<char **>(factors.data());
+  return writer(ctx, &data);
 }
 
-class PoliciesTest : public PgTest {
+// "name|note|timeout|reuse|" and the factors in name order, each with its
+// note when the record carries notes.
+std::string describe(const userPolicyData *p) {
+  std::set<std::string> factors;
+  for (int i = 0; i < p->numFactors; i++)
+    factors.insert(std::string(p->factorNames[i]) +
+                   (p->factorNotes ? std::string("=") + p->factorNotes[i] : ""));
+  std::string text = std::string(p->policyname) + "|" + p->policynote + "|" +
+                     std::to_string(p->ctctimeout) + "|" + std::to_string(p->ctcreuse) + "|";
+  for (const std::string &factor : factors)
+    text += " " + factor;
+  return text;
+}
+
+// "id|name|note|timeout|reuse|" and the factors in id order as id=name=note.
+std::string describe(const MFAAdminPolicyData *p) {
+  std::map<int, std::string> factors;
+  for (int i = 0; i < p->numFactors; i++)
+    factors[p->factors[i]->factorid] =
+        std::string(p->factors[i]->factorname) + "=" + p->factors[i]->factornote;
+  std::string text = std::to_string(p->policyid) + "|" + p->policyname + "|" + p->policynote + "|" +
+                     std::to_string(p->ctctimeout) + "|" + std::to_string(p->ctcreuse) + "|";
+  for (const auto &[id, factor] : factors)
+    text += " " + std::to_string(id) + "=" + factor;
+  return text;
+}
+
+class PoliciesTest : public mfatest::PgTest {
 protected:
   void SetUp() override {
     PgTest::SetUp();
-    if (IsSkipped() || HasFatalFailure())
-      return;
-    addFactor("QMXTEST1", "test one");
-    addFactor("QMXTEST2", "test two");
+    if (!IsSkipped() && !HasFatalFailure()) {
+      addFactor("QMXTEST1", "test one");
+      addFactor("QMXTEST2", "test two");
+    }
   }
-  Rows links() {
-    return query("select p.policyname, f.factorname from qmx_policyfactor pf join qmx_policy p "
-                 "using (policyid) join qmx_factor f using (factorid) order by 1, 2");
+  Rows policies() {
+    return sql("select policyname, policynote, ctctimeout, ctcreuse, (select string_agg("
+               "factorname, ',' order by factorname) from qmx_policyfactor join qmx_factor "
+               "using (factorid) where policyid=p.policyid) from qmx_policy p order by 1");
   }
 };
 
 TEST_F(PoliciesTest, CreateByNameAndReadBack) {
-  Definition def("strong", "Bob's policy", 30, 2, {"QMXLDAP1", "QMXTEST1", "NOSUCH"});
-  ASSERT_EQ(qn_db_policyCreate(ctx, &def.data), 0);
+  ASSERT_EQ(write(qn_db_policyCreate, ctx, "strong", "Bob's policy", 30, 2,
+                  {"QMXLDAP1", "QMXTEST1", "NOSUCH"}),
+            0);
+  // Without factors a policy exists but the by-name reads do not see it.
+  ASSERT_EQ(write(qn_db_policyCreate, ctx, "empty", "", 0, 0, {}), 0);
+  EXPECT_EQ(policies(), (Rows{{"empty", "", "0", "0", "<null>"},
+                              {"strong", "Bob's policy", "30", "2", "QMXLDAP1,QMXTEST1"}}));
+
   userPolicyData *read = nullptr;
   ASSERT_EQ(qn_db_policyGetOne(ctx, "strong", &read), 0);
-  EXPECT_STREQ(read->policyname, "strong");
-  EXPECT_STREQ(read->policynote, "Bob's policy");
-  EXPECT_EQ(read->ctctimeout, 30);
-  EXPECT_EQ(read->ctcreuse, 2);
-  EXPECT_EQ(factorSet(read), (std::set<std::string>{"QMXLDAP1", "QMXTEST1"}));
-  EXPECT_EQ(read->factorNotes, nullptr);
+  EXPECT_EQ(describe(read), "strong|Bob's policy|30|2| QMXLDAP1 QMXTEST1");
   destroyUserPolicyData(read);
-
-  // Without factors a policy exists but the by-name reads do not see it.
-  Definition empty("empty", "", 0, 0, {});
-  ASSERT_EQ(qn_db_policyCreate(ctx, &empty.data), 0);
   read = nullptr;
   std::string out =
       mfatest::captureStdout([&] { EXPECT_EQ(qn_db_policyGetOne(ctx, "empty", &read), 80105); });
@@ -79,40 +91,24 @@ TEST_F(PoliciesTest, CreateByNameAndReadBack) {
   MFAAdminPolicyData **all = nullptr;
   ASSERT_EQ(qn_db_policyGetAllREST(ctx, &count, &all), 0);
   ASSERT_EQ(count, 2);
-  EXPECT_STREQ(all[0]->policyname, "empty");
-  EXPECT_STREQ(all[1]->policyname, "strong");
-  EXPECT_EQ(all[1]->ctctimeout, 30);
-  EXPECT_EQ(all[1]->ctcreuse, 2);
-  EXPECT_EQ(all[1]->numFactors, 0);
+  EXPECT_EQ(describe(all[0]) + " " + describe(all[1]), "2|empty||0|0| 1|strong|Bob's policy|30|2|");
   mfadb::destroyArray(all, count, destroyMFAAdminPolicyData);
 }
 
 TEST_F(PoliciesTest, GetAllGroupsTheRowsOfEachPolicy) {
-  Definition two("two", "n2", 1, 1, {"QMXTEST1", "QMXTEST2"});
-  Definition three("three", "n3", 2, 2, {"QMXLDAP1", "QMXTEST1", "QMXTOTP1"});
-  Definition none("none", "", 0, 0, {});
-  ASSERT_EQ(qn_db_policyCreate(ctx, &two.data), 0);
-  ASSERT_EQ(qn_db_policyCreate(ctx, &three.data), 0);
-  ASSERT_EQ(qn_db_policyCreate(ctx, &none.data), 0);
-  int count = 0;
+  int count = -1;
   userPolicyData **all = nullptr;
-  ASSERT_EQ(qn_db_policyGetAll(ctx, &count, &all), 0);
-  ASSERT_EQ(count, 2);
-  EXPECT_STREQ(all[0]->policyname, "three");
-  EXPECT_EQ(all[0]->numFactors, 3);
-  EXPECT_EQ(factorSet(all[0]), (std::set<std::string>{"QMXLDAP1", "QMXTEST1", "QMXTOTP1"}));
-  EXPECT_STREQ(all[1]->policyname, "two");
-  EXPECT_STREQ(all[1]->policynote, "n2");
-  ASSERT_EQ(all[1]->numFactors, 2);
-  for (int i = 0; i < 2; i++)
-    EXPECT_EQ(std::string(all[1]->factorNotes[i]),
-              std::string(all[1]->factorNames[i]) == "QMXTEST1" ? "test one" : "test two");
-  mfadb::destroyArray(all, count, destroyUserPolicyData);
-
-  sql("delete from qmx_policyfactor");
-  count = -1;
   mfatest::captureStdout([&] { EXPECT_EQ(qn_db_policyGetAll(ctx, &count, &all), 80105); });
   EXPECT_EQ(count, -1);
+  addPolicy("two", {"QMXTEST1", "QMXTEST2"});
+  addPolicy("three", {"QMXLDAP1", "QMXTEST1", "QMXTOTP1"});
+  addPolicy("none", {});
+  ASSERT_EQ(qn_db_policyGetAll(ctx, &count, &all), 0);
+  ASSERT_EQ(count, 2);
+  EXPECT_EQ(describe(all[0]), "three||0|0| QMXLDAP1=LDAP directory authentication QMXTEST1=test "
+                              "one QMXTOTP1=Time-based one-time password");
+  EXPECT_EQ(describe(all[1]), "two||0|0| QMXTEST1=test one QMXTEST2=test two");
+  mfadb::destroyArray(all, count, destroyUserPolicyData);
 }
 
 TEST_F(PoliciesTest, CreateByIdAndReadById) {
@@ -123,24 +119,12 @@ TEST_F(PoliciesTest, CreateByIdAndReadById) {
   });
   EXPECT_NE(out.find("MFADB:Bad parameters to policy create.\n"), std::string::npos) << out;
   ASSERT_EQ(qn_db_policyCreateREST(ctx, "rest", "it's", 5, 60, 2, ids), 0);
-  int policyid = std::stoi(value("select policyid from qmx_policy where policyname='rest'"));
 
   MFAAdminPolicyData *read = nullptr;
-  ASSERT_EQ(qn_db_policyGetOneREST(ctx, policyid, &read), 0);
-  EXPECT_EQ(read->policyid, policyid);
-  EXPECT_STREQ(read->policynote, "it's");
-  EXPECT_EQ(read->ctcreuse, 5);
-  EXPECT_EQ(read->ctctimeout, 60);
-  ASSERT_EQ(read->numFactors, 2);
-  std::set<int> got;
-  for (int i = 0; i < 2; i++) {
-    got.insert(read->factors[i]->factorid);
-    EXPECT_STREQ(read->factors[i]->factornote,
-                 read->factors[i]->factorid == ids[0] ? "test one" : "test two");
-  }
-  EXPECT_EQ(got, (std::set<int>{ids[0], ids[1]}));
+  ASSERT_EQ(qn_db_policyGetOneREST(ctx, 1, &read), 0);
+  EXPECT_EQ(describe(read), "1|rest|it's|60|5| 5=QMXTEST1=test "
+                            "one 6=QMXTEST2=test two");
   destroyMFAAdminPolicyData(read);
-
   read = nullptr;
   mfatest::captureStdout([&] { EXPECT_EQ(qn_db_policyGetOneREST(ctx, 9999, &read), 80105); });
   EXPECT_EQ(read, nullptr);
@@ -148,52 +132,33 @@ TEST_F(PoliciesTest, CreateByIdAndReadById) {
 
 TEST_F(PoliciesTest, AFailingStepRollsBackTheWholeTransaction) {
   // The second link of the same factor breaks the policy's key.
-  Definition twice("twice", "", 0, 0, {"QMXTEST1", "QMXTEST1"});
-  std::string out =
-      mfatest::captureStdout([&] { EXPECT_EQ(qn_db_policyCreate(ctx, &twice.data), 80104); });
+  std::string out = mfatest::captureStdout([&] {
+    EXPECT_EQ(write(qn_db_policyCreate, ctx, "twice", "", 0, 0, {"QMXTEST1", "QMXTEST1"}), 80104);
+  });
   EXPECT_NE(out.find("MFADB:insert failed: "), std::string::npos) << out;
-  EXPECT_EQ(value("select count(*) from qmx_policy"), "0");
-
   int ids[] = {factorId("QMXTEST1"), 9999};
   mfatest::captureStdout(
       [&] { EXPECT_EQ(qn_db_policyCreateREST(ctx, "rest", "", 0, 0, 2, ids), 80104); });
-  EXPECT_EQ(value("select count(*) from qmx_policy"), "0");
+  EXPECT_EQ(policies(), Rows{});
 
-  Definition good("p", "old", 1, 1, {"QMXTEST1"});
-  ASSERT_EQ(qn_db_policyCreate(ctx, &good.data), 0);
-  Definition bad("p", "new", 2, 2, {"QMXTEST2", "QMXTEST2"});
-  mfatest::captureStdout([&] { EXPECT_EQ(qn_db_policyUpdate(ctx, &bad.data), 80104); });
-  EXPECT_EQ(links(), (Rows{{"p", "QMXTEST1"}}));
-  EXPECT_EQ(value("select policynote from qmx_policy"), "old");
-
-  int policyid = std::stoi(value("select policyid from qmx_policy"));
+  int policyid = addPolicy("p", {"QMXTEST1"});
+  mfatest::captureStdout([&] {
+    EXPECT_EQ(write(qn_db_policyUpdate, ctx, "p", "new", 2, 2, {"QMXTEST2", "QMXTEST2"}), 80104);
+  });
   int again[] = {factorId("QMXTEST2"), factorId("QMXTEST1")};
   mfatest::captureStdout(
       [&] { EXPECT_EQ(qn_db_policyConnectFactors(ctx, policyid, 2, again), 80104); });
-  EXPECT_EQ(links(), (Rows{{"p", "QMXTEST1"}}));
+  EXPECT_EQ(policies(), (Rows{{"p", "", "0", "0", "QMXTEST1"}}));
 }
 
-TEST_F(PoliciesTest, UpdatesReplaceSettingsAndFactors) {
-  Definition def("p", "old", 1, 1, {"QMXTEST1"});
-  ASSERT_EQ(qn_db_policyCreate(ctx, &def.data), 0);
-  Definition changed("p", "new's", 7, 8, {"QMXTEST2", "QMXLDAP1"});
-  ASSERT_EQ(qn_db_policyUpdate(ctx, &changed.data), 0);
-  EXPECT_EQ(query("select policyname, policynote, ctctimeout, ctcreuse from qmx_policy"),
-            (Rows{{"p", "new's", "7", "8"}}));
-  EXPECT_EQ(links(), (Rows{{"p", "QMXLDAP1"}, {"p", "QMXTEST2"}}));
-
-  int policyid = std::stoi(value("select policyid from qmx_policy"));
+TEST_F(PoliciesTest, UpdatesAndFactorLinks) {
+  int policyid = addPolicy("p", {"QMXTEST1"});
+  ASSERT_EQ(write(qn_db_policyUpdate, ctx, "p", "new's", 7, 8, {"QMXTEST2", "QMXLDAP1"}), 0);
+  EXPECT_EQ(policies(), (Rows{{"p", "new's", "7", "8", "QMXLDAP1,QMXTEST2"}}));
   ASSERT_EQ(qn_db_policyUpdateREST(ctx, policyid, "rest's", 3, 4), 0);
-  EXPECT_EQ(query("select policyname, policynote, ctctimeout, ctcreuse from qmx_policy"),
-            (Rows{{"p", "rest's", "4", "3"}}));
-  EXPECT_EQ(links().size(), 2u);
-}
+  EXPECT_EQ(policies(), (Rows{{"p", "rest's", "4", "3", "QMXLDAP1,QMXTEST2"}}));
 
-TEST_F(PoliciesTest, LinkingFactorsById) {
-  Definition def("p", "", 0, 0, {});
-  ASSERT_EQ(qn_db_policyCreate(ctx, &def.data), 0);
-  int policyid = std::stoi(value("select policyid from qmx_policy"));
-  int ids[] = {factorId("QMXTEST1"), factorId("QMXTEST2")};
+  int ids[] = {factorId("QMXTEST1"), factorId("QMXYUBI1")};
   std::string out = mfatest::captureStdout([&] {
     EXPECT_EQ(qn_db_policyConnectFactors(ctx, 0, 2, ids), 80106);
     EXPECT_EQ(qn_db_policyConnectFactors(ctx, policyid, 0, ids), 80106);
@@ -202,52 +167,40 @@ TEST_F(PoliciesTest, LinkingFactorsById) {
   EXPECT_NE(out.find("Bad parameters to policy connect factors.\n"), std::string::npos) << out;
   EXPECT_NE(out.find("Bad parameters to policy disconnect factor.\n"), std::string::npos) << out;
   ASSERT_EQ(qn_db_policyConnectFactors(ctx, policyid, 2, ids), 0);
-  ASSERT_EQ(qn_db_policyDisconnectFactor(ctx, policyid, ids[0]), 0);
-  EXPECT_EQ(links(), (Rows{{"p", "QMXTEST2"}}));
+  ASSERT_EQ(qn_db_policyDisconnectFactor(ctx, policyid, factorId("QMXLDAP1")), 0);
+  EXPECT_EQ(policies(), (Rows{{"p", "rest's", "4", "3", "QMXTEST1,QMXTEST2,QMXYUBI1"}}));
 }
 
-TEST_F(PoliciesTest, DeletingRemovesEveryLink) {
+TEST_F(PoliciesTest, UserLinksAndDeletion) {
   int userid = addUser("bob");
-  Definition a("a'b", "", 0, 0, {"QMXTEST1"});
-  Definition b("b", "", 0, 0, {"QMXTEST2"});
-  ASSERT_EQ(qn_db_policyCreate(ctx, &a.data), 0);
-  ASSERT_EQ(qn_db_policyCreate(ctx, &b.data), 0);
+  addPolicy("a'b", {"QMXTEST1"});
+  int b = addPolicy("b", {"QMXTEST2"});
   ASSERT_EQ(qn_db_userPolicyConnect(ctx, "bob", "a'b"), 0);
-  int bid = std::stoi(value("select policyid from qmx_policy where policyname='b'"));
-  ASSERT_EQ(qn_db_userPolicyConnectById(ctx, userid, bid), 0);
+  EXPECT_EQ(qn_db_userPolicyConnect(ctx, "nobody", "b"), 0);
+  ASSERT_EQ(qn_db_userPolicyConnectById(ctx, userid, b), 0);
+  mfatest::captureStdout([&] { EXPECT_EQ(qn_db_userPolicyConnectById(ctx, userid, b), 80104); });
+  // Giving a user a policy does not give the user its factors.
+  EXPECT_EQ(value("select count(*) from qmx_userfactor"), "0");
   EXPECT_EQ(value("select count(*) from qmx_userpolicy"), "2");
+  ASSERT_EQ(qn_db_userPolicyDisconnect(ctx, "bob", "b"), 0);
+  ASSERT_EQ(qn_db_userPolicyConnectById(ctx, userid, b), 0);
+  std::string link = value("select max(userpolicyid) from qmx_userpolicy");
+  ASSERT_EQ(qn_db_userPolicyDisconnectById(ctx, std::stoi(link)), 0);
+  EXPECT_EQ(value("select count(*) from qmx_userpolicy"), "1");
 
   // The by-name deleter matches on the escaped name, which a quote defeats.
   ASSERT_EQ(qn_db_policyDelete(ctx, "a'b"), 0);
-  EXPECT_EQ(value("select count(*) from qmx_policy"), "2");
+  EXPECT_EQ(policies().size(), 2u);
   sql("update qmx_policy set policyname='a' where policyname='a''b'");
+  ASSERT_EQ(qn_db_userPolicyConnectById(ctx, userid, b), 0);
   ASSERT_EQ(qn_db_policyDelete(ctx, "a"), 0);
-  ASSERT_EQ(qn_db_policyDeleteById(ctx, bid), 0);
-  EXPECT_EQ(value("select count(*) from qmx_policy"), "0");
-  EXPECT_EQ(value("select count(*) from qmx_userpolicy"), "0");
-  EXPECT_EQ(links(), Rows{});
+  ASSERT_EQ(qn_db_policyDeleteById(ctx, b), 0);
+  EXPECT_EQ(policies(), Rows{});
+  EXPECT_EQ(sql("select userid, policyid from qmx_userpolicy union all select * from "
+                "qmx_policyfactor"),
+            Rows{});
   EXPECT_EQ(qn_db_policyDelete(ctx, "unknown"), 0);
   EXPECT_EQ(qn_db_policyDeleteById(ctx, 9999), 0);
-}
-
-TEST_F(PoliciesTest, UserPolicyLinks) {
-  int userid = addUser("bob");
-  Definition def("p", "", 0, 0, {"QMXTEST1"});
-  ASSERT_EQ(qn_db_policyCreate(ctx, &def.data), 0);
-  int policyid = std::stoi(value("select policyid from qmx_policy"));
-  ASSERT_EQ(qn_db_userPolicyConnect(ctx, "bob", "p"), 0);
-  // Giving a user a policy does not give the user its factors.
-  EXPECT_EQ(value("select count(*) from qmx_userfactor"), "0");
-  mfatest::captureStdout(
-      [&] { EXPECT_EQ(qn_db_userPolicyConnectById(ctx, userid, policyid), 80104); });
-  EXPECT_EQ(qn_db_userPolicyConnect(ctx, "nobody", "p"), 0);
-  ASSERT_EQ(qn_db_userPolicyDisconnect(ctx, "bob", "p"), 0);
-  EXPECT_EQ(value("select count(*) from qmx_userpolicy"), "0");
-
-  ASSERT_EQ(qn_db_userPolicyConnectById(ctx, userid, policyid), 0);
-  int link = std::stoi(value("select userpolicyid from qmx_userpolicy"));
-  ASSERT_EQ(qn_db_userPolicyDisconnectById(ctx, link), 0);
-  EXPECT_EQ(value("select count(*) from qmx_userpolicy"), "0");
 }
 
 } // namespace

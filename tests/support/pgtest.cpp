@@ -2,6 +2,7 @@
 
 #include <libpq-fe.h>
 
+#include <algorithm>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -14,38 +15,20 @@ namespace {
 using Connection = std::unique_ptr<PGconn, decltype(&PQfinish)>;
 using Result = std::unique_ptr<PGresult, decltype(&PQclear)>;
 
-Connection connectToMfadb() {
-  return Connection(PQconnectdb("dbname=mfadb"), PQfinish);
-}
-
-// The seed statements of the schema: everything after its seed marker, so
-// the fixture replays the schema's own rows rather than a copy of them.
-const std::string &seedStatements() {
-  static const std::string seed = [] {
+// Empties every table of the schema, restarting the generated keys, and
+// replays the schema's own seed rows (everything after its seed marker)
+// rather than a copy of them.
+const std::string &resetStatements() {
+  static const std::string reset = [] {
     std::ifstream file(MFA_SOURCE_DIR "/db/schema.sql");
     std::stringstream text;
     text << file.rdbuf();
     std::string schema = text.str();
-    std::size_t marker = schema.find("-- Seed rows");
-    return marker == std::string::npos ? std::string() : schema.substr(marker);
+    return "do $$ begin execute (select 'truncate ' || string_agg(tablename, ',') || ' restart "
+           "identity cascade' from pg_tables where schemaname = 'public'); end $$;" +
+           schema.substr(std::min(schema.find("-- Seed rows"), schema.size()));
   }();
-  return seed;
-}
-
-// Empties every table of the schema, restarting the generated keys, and
-// replays the seed rows.
-void resetDatabase(PGconn *connection) {
-  Result tables(PQexec(connection, "select string_agg(tablename, ',') from pg_tables where "
-                                   "schemaname = 'public'"),
-                PQclear);
-  ASSERT_EQ(PQresultStatus(tables.get()), PGRES_TUPLES_OK) << PQerrorMessage(connection);
-  std::string truncate =
-      "truncate " + std::string(PQgetvalue(tables.get(), 0, 0)) + " restart identity cascade";
-  Result emptied(PQexec(connection, truncate.c_str()), PQclear);
-  ASSERT_EQ(PQresultStatus(emptied.get()), PGRES_COMMAND_OK) << PQerrorMessage(connection);
-  ASSERT_FALSE(seedStatements().empty()) << "schema.sql has no seed section";
-  Result seeded(PQexec(connection, seedStatements().c_str()), PQclear);
-  ASSERT_EQ(PQresultStatus(seeded.get()), PGRES_COMMAND_OK) << PQerrorMessage(connection);
+  return reset;
 }
 
 } // namespace
@@ -59,9 +42,9 @@ std::string quoted(const std::string &text) {
 
 void PgTest::SetUp() {
   MFA_REQUIRE_SERVICE("PGHOST");
-  Connection connection = connectToMfadb();
-  ASSERT_EQ(PQstatus(connection.get()), CONNECTION_OK) << PQerrorMessage(connection.get());
-  resetDatabase(connection.get());
+  ASSERT_NE(resetStatements().find("-- Seed rows"), std::string::npos) << "no seed rows";
+  sql(resetStatements());
+  ASSERT_FALSE(HasFailure());
   ASSERT_EQ(qn_db_createDBCtx(&ctx, nullptr, nullptr), 0);
 }
 
@@ -69,32 +52,23 @@ void PgTest::TearDown() {
   qn_db_destroyDbCtx(ctx);
 }
 
-void PgTest::sql(const std::string &statements) {
-  Connection connection = connectToMfadb();
+Rows PgTest::sql(const std::string &statements) {
+  Connection connection(PQconnectdb("dbname=mfadb"), PQfinish);
   Result result(PQexec(connection.get(), statements.c_str()), PQclear);
   ExecStatusType status = PQresultStatus(result.get());
-  ASSERT_TRUE(status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK)
+  EXPECT_TRUE(status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK)
       << statements << ": " << PQerrorMessage(connection.get());
-}
-
-Rows PgTest::query(const std::string &select) {
-  Connection connection = connectToMfadb();
-  Result result(PQexec(connection.get(), select.c_str()), PQclear);
-  Rows rows;
-  EXPECT_EQ(PQresultStatus(result.get()), PGRES_TUPLES_OK)
-      << select << ": " << PQerrorMessage(connection.get());
-  for (int row = 0; row < PQntuples(result.get()); row++) {
-    rows.emplace_back();
+  Rows rows(PQntuples(result.get()));
+  for (int row = 0; row < PQntuples(result.get()); row++)
     for (int column = 0; column < PQnfields(result.get()); column++)
-      rows.back().push_back(PQgetisnull(result.get(), row, column)
-                                ? "<null>"
-                                : PQgetvalue(result.get(), row, column));
-  }
+      rows[row].push_back(PQgetisnull(result.get(), row, column)
+                              ? "<null>"
+                              : PQgetvalue(result.get(), row, column));
   return rows;
 }
 
 std::string PgTest::value(const std::string &select) {
-  Rows rows = query(select);
+  Rows rows = sql(select);
   return rows.empty() ? "<none>" : rows[0][0];
 }
 
@@ -106,6 +80,15 @@ int PgTest::addUser(const std::string &unixuid) {
 int PgTest::addFactor(const std::string &factorName, const std::string &note) {
   return std::stoi(value("insert into qmx_factor(factorname, factornote) values(" +
                          quoted(factorName) + ", " + quoted(note) + ") returning factorid"));
+}
+
+int PgTest::addPolicy(const std::string &policyName, const std::vector<std::string> &factorNames) {
+  std::string id = value("insert into qmx_policy(policyname) values(" + quoted(policyName) +
+                         ") returning policyid");
+  for (const std::string &factor : factorNames)
+    sql("insert into qmx_policyfactor select " + id +
+        ", factorid from qmx_factor where factorname=" + quoted(factor));
+  return std::stoi(id);
 }
 
 int PgTest::factorId(const std::string &factorName) {

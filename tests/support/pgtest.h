@@ -19,18 +19,17 @@ protected:
   void SetUp() override;
   void TearDown() override;
 
-  // Runs statements on a connection of the test's own; fails the test when
+  // Runs statements on a connection of the test's own and returns the rows
+  // of the last one as text ("<null>" for SQL nulls); fails the test when
   // they do not succeed.
-  void sql(const std::string &statements);
-  // Every row of a query as text ("<null>" for SQL nulls).
-  Rows query(const std::string &select);
+  Rows sql(const std::string &statements);
   // The first column of the first row, or "<none>" when there is no row.
   std::string value(const std::string &select);
 
-  // A user row with the given uid; returns its userid.
+  // Rows made for a test; each returns the new row's id.
   int addUser(const std::string &unixuid);
-  // A factor row with the given name; returns its factorid.
   int addFactor(const std::string &factorName, const std::string &note = "");
+  int addPolicy(const std::string &policyName, const std::vector<std::string> &factorNames);
   int factorId(const std::string &factorName);
 
   dbctx *ctx = nullptr;
