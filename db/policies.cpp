@@ -1,5 +1,7 @@
 #include "db/policies.h"
 
+#include <string>
+
 #include "db/dbcommon_internal.h"
 
 using namespace mfadb;
@@ -24,17 +26,21 @@ constexpr Failure kDeleteAsInsertFailed{QN_DB_INSERT_FAILED, "delete failed: %s\
 
 constexpr const char *kLinkByIds = "insert into qmx_policyfactor(policyid,factorid) values(%d,%d)";
 
-// Links the named factors to the policy whose escaped name is given; stops at
-// the first failure.
-int linkFactorsByName(Session &session, const Escaped &policyName, const userPolicyData &policy) {
+// Links the named factors to the policy whose escaped name is given, each
+// statement built in the calling operation's buffer; stops at the first
+// failure.
+int linkFactorsByName(Session &session, char *sql, std::size_t size, const Escaped &policyName,
+                      const userPolicyData &policy) {
   if (policy.numFactors > 0 && policy.factorNames == nullptr)
     return QN_DB_BAD_PARAMETERS;
   for (int i = 0; i < policy.numFactors; i++) {
     Escaped factorName = session.escape(policy.factorNames[i]);
     if (!factorName)
       return QN_DB_BAD_PARAMETERS;
-    if (int status = session.execFormatted(Expect::Command, kInsertFailed, kLinkByNames,
-                                           policyName.get(), factorName.get()))
+    if (int status =
+            formatStatement(session, sql, size, kLinkByNames, policyName.get(), factorName.get()))
+      return status;
+    if (int status = session.execParams(sql, Expect::Command, kInsertFailed))
       return status;
   }
   return 0;
@@ -96,7 +102,8 @@ int qn_db_policyCreate(dbctx *context, const userPolicyData *policy) {
                                   "ctctimeout,ctcreuse) values('%s', '%s', %d, %d) ",
                                   name.get(), note.get(), policy->ctctimeout, policy->ctcreuse))
       return status;
-    return linkFactorsByName(session, name, *policy);
+    char sql[kStatementSize];
+    return linkFactorsByName(session, sql, sizeof sql, name, *policy);
   });
 }
 
@@ -141,6 +148,8 @@ int qn_db_policyGetAll(dbctx *context, int *count, userPolicyData ***policies) {
     return status;
   if (int status = session.requireRows("no policies\n"))
     return status;
+  // One entry per policy rather than per row: callers free the array with
+  // the count they are given.
   return collectGroups(
       session, 6, "policy data array",
       [&](int first, int size) { return policyDefinition(session, first, size, 4, 5); },
@@ -246,7 +255,7 @@ int qn_db_policyUpdate(dbctx *context, const userPolicyData *policy) {
                                         "policyid from qmx_policy where policyname=$1)",
                                         Expect::Command, kDeleteFailed, {name.get()}))
       return status;
-    return linkFactorsByName(session, name, *policy);
+    return linkFactorsByName(session, sql, sizeof sql, name, *policy);
   });
 }
 

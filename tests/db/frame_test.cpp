@@ -123,6 +123,16 @@ TEST_F(DbFrameTest, StatementTooLongForItsBufferIsRefusedNotCut) {
     EXPECT_EQ(qn_db_policyCreate(ctx, &policy), 0);
     EXPECT_EQ(qn_db_policyUpdate(ctx, &policy), 80106);
   });
+  // Its factor links share that buffer, though a create's 1,024 bytes take them.
+  char *factor = longName.data() + 700;
+  userPolicyData linked = {
+      const_cast<char *>("q"), const_cast<char *>(""), 1, 2, 1, &factor, nullptr};
+  mfatest::captureStdout([&] {
+    EXPECT_EQ(qn_db_policyCreate(ctx, &linked), 0);
+    linked.ctctimeout = 9;
+    EXPECT_EQ(qn_db_policyUpdate(ctx, &linked), 80106);
+  });
+  EXPECT_EQ(value("select ctctimeout from qmx_policy where policyname='q'"), "1");
   EXPECT_NE(out.find("MFADB:statement too long"), std::string::npos) << out;
   EXPECT_EQ(value("select count(*) from qmx_userfactor"), "0");
 }
