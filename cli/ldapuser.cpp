@@ -137,7 +137,7 @@ int ldapuser_createFromFactorData(const char *userid, factorData *data, ldapuser
   }
 
   int status = 0;
-  bool seen[kTagCount] = {};
+  bool lastSearchSeen = false;
   factorTag *tag = data->tags;
   for (uint32_t i = 0; i < data->numTags && tag != nullptr && status == 0; i++, tag = tag->next) {
     if (tag->tagName == nullptr) {
@@ -145,13 +145,17 @@ int ldapuser_createFromFactorData(const char *userid, factorData *data, ldapuser
       break;
     }
     int index = tagIndex(tag->tagName);
-    if (index < 0 || seen[index]) {
+    // A value tag is a repeat only when an earlier one actually set its field;
+    // one stored without a value leaves the field open.
+    bool repeated =
+        index == kLastSearch ? lastSearchSeen : index >= 0 && *valueField(user, index) != nullptr;
+    if (index < 0 || repeated) {
       *badOffset = tag->nameOffset;
       status = index < 0 ? LDAPUSER_UNKNOWN_TAG : LDAPUSER_DUPLICATE_TAG;
       break;
     }
-    seen[index] = true;
     if (index == kLastSearch) {
+      lastSearchSeen = true;
       // Digits up to the first other character; the counter keeps the low 32 bits.
       user->lastSearch = static_cast<uint32_t>(tag->tagValue != nullptr ? atoll(tag->tagValue) : 0);
     } else if (tag->tagValue != nullptr) {

@@ -62,7 +62,7 @@ void applyLine(const char *line, char *connection) {
   if (equals == nullptr)
     return;
   const char *value = equals + 1;
-  while (*value == ' ' || *value == '\t')
+  while (*value == ' ')
     value++;
   for (const ConfigKey &key : kConfigKeys) {
     if (startsWith(line, key)) {

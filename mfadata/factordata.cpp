@@ -126,7 +126,9 @@ int pq_userMFAData_create(dbctx *context, const char *userid, userMFAData **resu
   if (int status = readFactors(session, *record))
     return status;
 
-  // A failed policy read leaves the record without policies.
+  // A failed policy read leaves the record without policies. The ordering on
+  // the partition columns only guarantees the adjacency of each policy's rows
+  // that the grouped reading needs; it changes nothing else in the result.
   if (session.execParams("select ap.policyname,ap.ctctimeout,ap.ctcreuse,af.factorname, "
                          "count(af.factorname) over (partition by ap.policyname,ap.ctctimeout,"
                          "ap.ctcreuse) as numfactors from qmx_user au,qmx_factor af,qmx_policy "
@@ -219,8 +221,9 @@ int kfactor_update_UserFactorData(dbctx *context, const char *userid, factorData
   Session session(context, Reporter::Stdout);
   if (int status = session.connect())
     return status;
+  // Written as a signed number: the column is a signed integer.
   char active[16];
-  snprintf(active, sizeof active, "%u", data->activeFlag);
+  snprintf(active, sizeof active, "%d", static_cast<int>(data->activeFlag));
   // Every value travels as a parameter, so quotes in tags, user ID or factor
   // name are stored as they are and can never change the statement.
   return session.execParams(

@@ -37,6 +37,8 @@ TEST(LdapUserRecord, FromStoredTags) {
       {"QMXLDAP1-X", R"({"DN":"a"})", 0, "u|a|-|-|-|0", 0},
       {"QMXLDAP2", R"({"DN":"a"})", LDAPUSER_WRONG_FACTOR, "", 0},
       {"QMXLDAP1", R"({"DN":"","SEARCHVAL":"b","DN":"c"})", LDAPUSER_DUPLICATE_TAG, "", 30},
+      // A DN stored without a string value sets nothing, so a later DN is no repeat.
+      {"QMXLDAP1", R"({"DN":1,"DN":"c"})", 0, "u|c|-|-|-|0", 0},
       {"QMXLDAP1", R"({"SEARCHVAL":"b","dn":"a"})", LDAPUSER_UNKNOWN_TAG, "", 20},
   };
   for (const auto &c : cases) {

@@ -44,8 +44,10 @@ TEST(ParseDbConf, LineRules) {
       // "#" starts a comment only in the first column; a line without "="
       // is ignored.
       {"#DB PORT=1\n #DB PORT=2\nDB PORT 3\n", ""},
-      // Leading blanks of a value go, trailing ones stay; "=" in a value stays.
-      {"DB PORT=   5433  \nSSL KEY= a=b\n", "port=5433   sslkey=a=b "},
+      // Leading blanks of a value go, trailing ones stay; "=" in a value
+      // stays; a tab is not a blank.
+      {"DB PORT=   5433  \nSSL KEY= a=b\nSSL CERTIFICATE=\t/c\n",
+       "port=5433   sslkey=a=b sslcert=\t/c "},
       // A line keeps its first 255 characters.
       {"DB HOSTNAME=" + std::string(300, 'h') + "\n",
        "sslmode=require host=" + std::string(255 - 12, 'h') + " "},

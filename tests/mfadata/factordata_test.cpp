@@ -71,6 +71,10 @@ TEST_F(FactorDataTest, UpsertedTagsReadBackWhole) {
     kfactor_factorData_destroy(one);
   }
   EXPECT_EQ(value("select count(*) from qmx_user"), "1");
+  // The flag goes into the signed column as the same 32 bits.
+  Factor allBits("QMXLDAP1", 0xFFFFFFFFu, {{"DN", "x"}});
+  ASSERT_EQ(kfactor_update_UserFactorData(ctx, "eve", &allBits.data), 0);
+  EXPECT_EQ(value("select isactive from qmx_userfactor"), "-1");
 
   // Unknown user or factor: nothing is written and the call succeeds.
   Factor orphan("QMXLDAP1", 1, {}), unknown("NOSUCH", 1, {});
