@@ -62,14 +62,9 @@ TEST(Digest, CapacityAndArgumentChecks) {
   EXPECT_EQ(qn_hash_oneshot(12, "abc", 3, &out, &length), QN_RC_UNSUPPORTED_DIGEST);
   EXPECT_EQ(length, sizeof(buffer));
 
-  qn_hash_context *context = nullptr;
-  EXPECT_EQ(qn_hash_start(12, &context), QN_RC_UNSUPPORTED_DIGEST);
-  EXPECT_EQ(context, nullptr);
-  EXPECT_EQ(qn_hash_start(QN_HASH_SHA1, nullptr), QN_RC_MISSING_ARGUMENT);
-
   // The streamed form hashes empty input; its finish checks capacity too.
+  qn_hash_context *context = nullptr;
   ASSERT_EQ(qn_hash_start(QN_HASH_SHA256, &context), 0);
-  EXPECT_EQ(qn_hash_more(context, nullptr, 0), QN_RC_MISSING_ARGUMENT);
   length = 31;
   EXPECT_EQ(qn_hash_finish(context, buffer, &length), QN_RC_BUFFER_TOO_SMALL);
   EXPECT_EQ(length, 32u);
@@ -78,7 +73,6 @@ TEST(Digest, CapacityAndArgumentChecks) {
   EXPECT_EQ(hex(buffer, length),
             "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
   free_hash_context(&context);
-  free_hash_context(nullptr);
 }
 
 TEST(Digest, OlderContextMatchesVectorsAcrossUpdates) {
@@ -161,7 +155,6 @@ TEST(Base64, DecodeQuirks) {
     int rc;
     std::string_view result; // the decoded text, or the length reported on failure
   } cases[] = {
-      {"Y!==", 4, 16, QN_RC_BAD_BASE64, "16"},
       {"QU!D", 4, 16, QN_RC_BAD_BASE64, "16"},
       {"", 4, 16, QN_RC_BAD_BASE64, "16"},
       // Separators, stray padding and bytes with the high bit set are skipped
