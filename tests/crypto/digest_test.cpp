@@ -89,12 +89,13 @@ TEST(Digest, OlderContextMatchesVectorsAcrossUpdates) {
   EXPECT_EQ(digestContextUpdate(&context, "a", 1), QN_DIGEST_CONTEXT_FAILED);
 }
 
-// Every length from 1 to 70 against OpenSSL's encoder, then back.
+// Every remainder of a three-byte group, and a longer input, against
+// OpenSSL's encoder, then back.
 TEST(Base64, RoundTripMatchesOpenSsl) {
   unsigned char input[70], expected[100];
   for (size_t i = 0; i < sizeof input; ++i)
     input[i] = static_cast<unsigned char>(i * 37 + 11);
-  for (uint64_t n = 1; n <= sizeof input; ++n) {
+  for (uint64_t n : {1, 2, 3, 4, 5, 6, 70}) {
     SCOPED_TRACE(n);
     char *text = nullptr;
     unsigned char *decoded = nullptr;
