@@ -42,6 +42,9 @@ struct TokenService {
   const char *labelVariable;
 };
 const TokenService &tokenService(TokenKind kind);
+inline void PrintTo(TokenKind kind, std::ostream *out) {
+  *out << tokenService(kind).name;
+}
 
 // An open read-write session on a test token. Keys registered with
 // destroyLater are destroyed before the session closes, so that persistent
