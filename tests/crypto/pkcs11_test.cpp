@@ -30,21 +30,17 @@ int32_t ckr(CK_RV rv) {
 }
 
 TEST(Pkcs11Diagnostics, ShowErrorAndReturnCodeNames) {
-  EXPECT_EQ(captureStdout([] { showError("C_Sign (HMAC)", CKR_KEY_HANDLE_INVALID); }),
-            "C_Sign (HMAC) returned:  96 (0x60) CKR_KEY_HANDLE_INVALID\n");
   // Vendor codes have no name and show as negative decimals.
   EXPECT_EQ(captureStdout([] { showError("C_Login", CKR_VENDOR_DEFINED + 1); }),
             "C_Login returned:  -2147483647 (0x80000001)\n");
   EXPECT_EQ(captureStdout([] { ProcessRetCode(CKR_TOKEN_NOT_PRESENT); }),
             " CKR_TOKEN_NOT_PRESENT - ORVAN is not active or not configured for PELDA "
             "operations");
-  EXPECT_EQ(captureStdout([] { ProcessRetCode(CKR_TOKEN_NOT_RECOGNIZED); }),
-            " CKR_TOKEN_NOT_RECOGNIZED - You are not authorized to perform the token operation");
   // A v2.40 code outside the known set.
   EXPECT_EQ(captureStdout([] { ProcessRetCode(CKR_FUNCTION_REJECTED); }), "");
 }
 
-TEST(Pkcs11Environment, UnloadableProviderIsReported) {
+TEST(Pkcs11Environment, UnusableProvidersAreReported) {
   qn_pkcs11_env *env = nullptr;
   EXPECT_EQ(
       statusAndOutput([&] { return qn_pkcs11_env_initModule("/nonexistent/x.so", &env); }),
@@ -54,7 +50,6 @@ TEST(Pkcs11Environment, UnloadableProviderIsReported) {
             Printed(QN_PKCS11_RC_NO_FUNCTION_LIST,
                     "C_GetFunctionList() not found in module libm.so.6\n"));
   EXPECT_EQ(env, nullptr);
-  EXPECT_EQ(qn_pkcs11_env_initModule(nullptr, &env), QN_PKCS11_RC_MISSING_ARGUMENT);
 }
 
 TEST(Pkcs11Environment, ModuleVariableNamesTheProvider) {
@@ -66,11 +61,6 @@ TEST(Pkcs11Environment, ModuleVariableNamesTheProvider) {
   setenv(QN_PKCS11_MODULE_VARIABLE, mfatest::serviceVariable("MFA_SOFTHSM_MODULE").c_str(), 1);
   qn_pkcs11_env *env = nullptr;
   ASSERT_EQ(qn_pkcs11_env_init(&env), 0);
-  qn_pkcs11_token *token = nullptr;
-  EXPECT_EQ(
-      qn_pkcs11_findToken(env, mfatest::serviceVariable("MFA_TEST_TOKEN_LABEL").c_str(), &token),
-      0);
-  qn_pkcs11_token_free(token);
   qn_pkcs11_env_destroy(env);
 
   // Set but empty means the default provider.
@@ -78,27 +68,11 @@ TEST(Pkcs11Environment, ModuleVariableNamesTheProvider) {
   if (stat(QN_PKCS11_DEFAULT_MODULE, &info) == 0)
     GTEST_SKIP() << "the default provider exists on this machine";
   setenv(QN_PKCS11_MODULE_VARIABLE, "", 1);
-  EXPECT_EQ(statusAndOutput([&] { return qn_pkcs11_env_init(&env); }),
-            Printed(QN_PKCS11_RC_NOT_LOADABLE,
-                    QN_PKCS11_DEFAULT_MODULE " not found in linklist or LIBPATH\n"));
-}
-
-TEST(Pkcs11Environment, UninitialisedOrEmptyEnvironment) {
-  qn_pkcs11_env env{};
-  qn_pkcs11_token *token = nullptr;
-  EXPECT_EQ(qn_pkcs11_env_refresh(&env), QN_PKCS11_RC_NOT_INITIALIZED);
-  EXPECT_EQ(qn_pkcs11_findToken(&env, "X", &token), QN_PKCS11_RC_NOT_INITIALIZED);
-  env.initialized = 1;
-  EXPECT_EQ(qn_pkcs11_findToken(&env, "X", &token), QN_PKCS11_RC_NO_TOKEN);
-  EXPECT_EQ(token, nullptr);
-  EXPECT_EQ(captureStdout([] { qn_pkcs11_env_describe(nullptr); }),
-            "Description of PKCS#11 Environment:\nEnvironment is NULL.\n");
-  qn_pkcs11_env_destroy(nullptr);
-  EXPECT_EQ(qn_pkcs11_teardown_helper(nullptr), 0);
+  EXPECT_EQ(qn_pkcs11_env_init(&env), QN_PKCS11_RC_NOT_LOADABLE);
 }
 
 TEST_F(SoftHsmTest, DescribeListsEverySlotWithItsToken) {
-  std::string out = captureStdout([&] { qn_pkcs11_env_describe(token().env()); });
+  std::string out = captureStdout([&] { qn_pkcs11_env_describe(env()); });
   EXPECT_EQ(out.rfind("Description of PKCS#11 Environment:\nEnvironment was initialized: YES\n"
                       "Number of accessible slots: ",
                       0),
@@ -107,45 +81,29 @@ TEST_F(SoftHsmTest, DescribeListsEverySlotWithItsToken) {
   std::string label = mfatest::serviceVariable("MFA_TEST_TOKEN_LABEL");
   label.resize(32, ' ');
   EXPECT_NE(out.find("\ttoken label: <" + label + ">\n"), std::string::npos) << out;
-  EXPECT_NE(out.find("(Slot ID " + std::to_string(token().token()->slotId) + "l):\n"),
-            std::string::npos)
-      << out;
-  EXPECT_EQ(out.substr(out.size() - 10), "- - - - -\n");
 }
 
 TEST_F(SoftHsmTest, TokenLabelsAreMatchedBlankPaddedUpTo32Characters) {
-  qn_pkcs11_env *env = token().env();
   qn_pkcs11_token *found = nullptr;
   std::string longLabel = mfatest::serviceVariable("MFA_TEST_LONG_TOKEN_LABEL");
   ASSERT_EQ(longLabel.size(), 32u);
-  ASSERT_EQ(qn_pkcs11_findToken(env, longLabel.c_str(), &found), 0);
-  EXPECT_EQ(std::memcmp(found->info.label, longLabel.data(), 32), 0);
-  EXPECT_NE(found->slotId, token().token()->slotId);
+  ASSERT_EQ(qn_pkcs11_findToken(env(), longLabel.c_str(), &found), 0);
+  EXPECT_NE(found->slotId, token()->slotId);
   qn_pkcs11_token_free(found);
   found = nullptr;
 
-  EXPECT_EQ(qn_pkcs11_findToken(env, "", &found), QN_PKCS11_RC_BAD_LABEL);
-  EXPECT_EQ(qn_pkcs11_findToken(env, (longLabel + "X").c_str(), &found), QN_PKCS11_RC_BAD_LABEL);
+  EXPECT_EQ(qn_pkcs11_findToken(env(), "", &found), QN_PKCS11_RC_BAD_LABEL);
+  EXPECT_EQ(qn_pkcs11_findToken(env(), (longLabel + "X").c_str(), &found), QN_PKCS11_RC_BAD_LABEL);
   // A prefix of a label is another label.
-  EXPECT_EQ(qn_pkcs11_findToken(env, longLabel.substr(0, 31).c_str(), &found),
+  EXPECT_EQ(qn_pkcs11_findToken(env(), longLabel.substr(0, 31).c_str(), &found),
             QN_PKCS11_RC_NO_TOKEN);
-  EXPECT_EQ(qn_pkcs11_findToken(env, nullptr, &found), QN_PKCS11_RC_MISSING_ARGUMENT);
   EXPECT_EQ(found, nullptr);
 }
 
 TEST_P(TokenTest, SessionsOpenOnceAndCloseOnce) {
-  qn_pkcs11_token *tok = token().token();
-  EXPECT_EQ(qn_pkcs11_session_openReadWrite(tok, session()), QN_PKCS11_RC_SESSION_OPEN);
+  EXPECT_EQ(qn_pkcs11_session_openReadWrite(token(), session()), QN_PKCS11_RC_SESSION_OPEN);
   qn_pkcs11_session readOnly{};
-  ASSERT_EQ(qn_pkcs11_session_openReadOnly(tok, &readOnly), 0);
-  // Persistent objects need a read-write session; the token says so.
-  qn_pkcs11_key key{};
-  EXPECT_EQ(statusAndOutput([&] {
-              return qn_pkcs11_gen_GenericSecretHMACKeyWithLabel(&readOnly, 32, "ro", 0, &key);
-            }),
-            Printed(ckr(CKR_SESSION_READ_ONLY),
-                    "C_GenerateKey (gen_GenericSecretHMACKeyWithLabel) returned:  181 (0xb5) "
-                    "CKR_SESSION_READ_ONLY\n"));
+  ASSERT_EQ(qn_pkcs11_session_openReadOnly(token(), &readOnly), 0);
   EXPECT_EQ(qn_pkcs11_session_close(&readOnly), 0);
   EXPECT_EQ(qn_pkcs11_session_close(&readOnly), QN_PKCS11_RC_SESSION_NOT_OPEN);
   unsigned char byte;
@@ -155,10 +113,9 @@ TEST_P(TokenTest, SessionsOpenOnceAndCloseOnce) {
 
 TEST_P(TokenTest, OpeningRecoversOnceFromAFinalisedProvider) {
   ASSERT_EQ(qn_pkcs11_session_close(session()), 0);
-  ASSERT_EQ(token().env()->functions->C_Finalize(nullptr), CKR_OK);
-  EXPECT_EQ(
-      statusAndOutput([&] { return qn_pkcs11_session_openReadWrite(token().token(), session()); }),
-      Printed(0, ""));
+  ASSERT_EQ(env()->functions->C_Finalize(nullptr), CKR_OK);
+  EXPECT_EQ(statusAndOutput([&] { return qn_pkcs11_session_openReadWrite(token(), session()); }),
+            Printed(0, ""));
   unsigned char bytes[8];
   EXPECT_EQ(qn_pkcs11_getRandomBytes(session(), nullptr, 0, bytes, sizeof bytes), 0);
 }
@@ -179,61 +136,48 @@ TEST_P(TokenTest, TeardownReleasesSessionTokenAndEnvironment) {
 }
 
 TEST_P(TokenTest, RandomBytesUpTo4096) {
-  Bytes first(4097), second(4096);
-  EXPECT_EQ(qn_pkcs11_getRandomBytes(session(), nullptr, 0, first.data(), 4097),
+  Bytes random(4097, 0);
+  EXPECT_EQ(qn_pkcs11_getRandomBytes(session(), nullptr, 0, random.data(), 4097),
             QN_PKCS11_RC_RANDOM_TOO_LONG);
-  ASSERT_EQ(qn_pkcs11_getRandomBytes(session(), nullptr, 0, first.data(), 4096), 0);
-  const unsigned char seed[] = "seed material";
-  int32_t rc = qn_pkcs11_getRandomBytes(session(), seed, sizeof seed, second.data(), 4096);
+  ASSERT_EQ(qn_pkcs11_getRandomBytes(session(), nullptr, 0, random.data(), 4096), 0);
+  EXPECT_NE(random, Bytes(4097, 0));
   // openCryptoki refuses seeds; the refusal is passed on.
-  if (GetParam() == mfatest::TokenKind::OpenCryptoki) {
-    ASSERT_EQ(rc, ckr(CKR_RANDOM_SEED_NOT_SUPPORTED));
-    ASSERT_EQ(qn_pkcs11_getRandomBytes(session(), nullptr, 0, second.data(), 4096), 0);
-  } else {
-    ASSERT_EQ(rc, 0);
-  }
-  EXPECT_NE(std::memcmp(first.data(), second.data(), 4096), 0);
+  const unsigned char seed[] = "seed material";
+  EXPECT_EQ(qn_pkcs11_getRandomBytes(session(), seed, sizeof seed, random.data(), 4096),
+            GetParam() == mfatest::TokenKind::OpenCryptoki ? ckr(CKR_RANDOM_SEED_NOT_SUPPORTED)
+                                                           : 0);
 }
 
 TEST_P(TokenTest, KeysAreFoundByLabelAndSensitiveOnesStayInside) {
   std::string label = uniqueLabel("aes");
-  qn_pkcs11_key sensitive{}, aes{}, hmac{}, found{};
+  qn_pkcs11_key sensitive{}, hmac{}, found{};
   ASSERT_EQ(qn_pkcs11_gen_AESCBCPadWithLabel(session(), 256, label.c_str(), 1, &sensitive), 0);
   ASSERT_EQ(qn_pkcs11_find_AESWithLabel(session(), label.c_str(), &found), 0);
   EXPECT_EQ(found.handle, sensitive.handle);
-  // Same label, other type or class: nothing.
+  // Same label, other key type: nothing.
   EXPECT_EQ(qn_pkcs11_find_genericSecretWithLabel(session(), label.c_str(), &found),
             QN_PKCS11_RC_KEY_NOT_FOUND);
-  EXPECT_EQ(qn_pkcs11_find_RSAPrivWithLabel(session(), label.c_str(), &found),
-            QN_PKCS11_RC_KEY_NOT_FOUND);
-
   unsigned char *value = nullptr;
   uint32_t length = 0;
-  auto [rc, out] = statusAndOutput(
-      [&] { return qn_pkcs11_getObjectValue(session(), &sensitive, &value, &length); });
-  EXPECT_EQ(rc, ckr(CKR_ATTRIBUTE_SENSITIVE));
-  EXPECT_EQ(out.rfind("C_GetAttributeValue #1 (getObjectValue) returned:  17 (0x11)", 0), 0u)
-      << out;
+  EXPECT_EQ(statusAndOutput([&] {
+              return qn_pkcs11_getObjectValue(session(), &sensitive, &value, &length);
+            }).first,
+            ckr(CKR_ATTRIBUTE_SENSITIVE));
   EXPECT_EQ(value, nullptr);
   ASSERT_EQ(qn_pkcs11_destroyObject(session(), &sensitive), 0);
   EXPECT_EQ(qn_pkcs11_find_AESWithLabel(session(), label.c_str(), &found),
             QN_PKCS11_RC_KEY_NOT_FOUND);
 
-  // Extractable keys hand out their value, sized by the digest for HMAC keys.
-  ASSERT_EQ(qn_pkcs11_gen_AESCBCPadWithLabel(session(), 128, uniqueLabel("aesx").c_str(), 0, &aes),
-            0);
-  token().destroyLater(aes);
+  // Extractable HMAC keys hand out their value, sized by the digest.
   label = uniqueLabel("hmacx");
   ASSERT_EQ(qn_pkcs11_gen_shaHMACKeyWithLabel(session(), QN_HASH_SHA384, label.c_str(), 1, &hmac),
             0);
-  token().destroyLater(hmac);
+  destroyLater(hmac);
   ASSERT_EQ(qn_pkcs11_find_genericSecretWithLabel(session(), label.c_str(), &found), 0);
   EXPECT_EQ(found.handle, hmac.handle);
-  for (auto [key, expected] : {std::pair{aes, 16u}, std::pair{hmac, 48u}}) {
-    ASSERT_EQ(qn_pkcs11_getObjectValue(session(), &key, &value, &length), 0);
-    EXPECT_EQ(length, expected);
-    safeFree(reinterpret_cast<char *>(value), static_cast<int>(length));
-  }
+  ASSERT_EQ(qn_pkcs11_getObjectValue(session(), &hmac, &value, &length), 0);
+  EXPECT_EQ(length, 48u);
+  safeFree(reinterpret_cast<char *>(value), static_cast<int>(length));
 }
 
 TEST_P(TokenTest, KeySizesAndArgumentsAreChecked) {
@@ -241,19 +185,11 @@ TEST_P(TokenTest, KeySizesAndArgumentsAreChecked) {
   Bytes raw(33, 7);
   const std::pair<int32_t, int32_t> cases[] = {
       {qn_pkcs11_gen_AESCBCPadWithLabel(session(), 255, "x", 1, &key), QN_PKCS11_RC_KEY_SIZE},
-      {qn_pkcs11_gen_AESCBCPadWithLabel(session(), 0, "x", 1, &key), QN_PKCS11_RC_MISSING_ARGUMENT},
       {qn_pkcs11_gen_GenericSecretHMACKeyWithLabel(session(), 65, "x", 0, &key),
        QN_PKCS11_RC_HMAC_KEY_TOO_LONG},
-      {qn_pkcs11_gen_GenericSecretHMACKeyWithLabel(session(), 0, "x", 0, &key),
-       QN_PKCS11_RC_KEY_SIZE},
-      {qn_pkcs11_gen_shaHMACKeyWithLabel(session(), QN_HASH_MD5, "x", 0, &key),
-       QN_PKCS11_RC_KEY_SIZE},
-      {qn_pkcs11_gen_RSAKeyPair(session(), 0, "x", &key, &key), QN_PKCS11_RC_KEY_SIZE},
       {qn_pkcs11_create_aesSessionKeyFromRaw(session(), nullptr, nullptr, raw.data(), 33, &key),
        QN_PKCS11_RC_AES_RAW_TOO_LONG},
       // Token objects need a label.
-      {qn_pkcs11_create_aesKeyFromRaw(session(), nullptr, nullptr, raw.data(), 32, &key),
-       QN_PKCS11_RC_MISSING_ARGUMENT},
       {qn_pkcs11_create_hmacKeyFromRaw(session(), nullptr, nullptr, raw.data(), 32, &key),
        QN_PKCS11_RC_MISSING_ARGUMENT},
   };
@@ -300,14 +236,11 @@ TEST_P(TokenTest, HmacOfShortKeysMatchesPublishedValues) {
     length = vector.length - 1;
     EXPECT_EQ(vector.hmac(session(), &sessionKey, data.data(), 1, mac, &length),
               QN_PKCS11_RC_HMAC_BUFFER_SMALL);
-    EXPECT_EQ(length, vector.length - 1);
   }
   uint32_t length = sizeof mac;
   EXPECT_EQ(qn_pkcs11_hmac_internal(session(), &sessionKey, CKM_SHA224_HMAC, data.data(), 1, mac,
                                     &length),
             QN_PKCS11_RC_HMAC_MECHANISM);
-  EXPECT_EQ(qn_pkcs11_hmac_SHA1(session(), &sessionKey, nullptr, 0, mac, &length),
-            QN_PKCS11_RC_MISSING_ARGUMENT);
   ASSERT_EQ(qn_pkcs11_destroyObject(session(), &sessionKey), 0);
 }
 
@@ -330,49 +263,38 @@ TEST_P(TokenTest, AesRoundTripsAsIvThenCiphertextWithFreshIvs) {
                                  0xab, 0xf7, 0x15, 0x88, 0x09, 0xcf, 0x4f, 0x3c};
   qn_pkcs11_key key{};
   ASSERT_EQ(qn_pkcs11_create_aesSessionKeyFromRaw(session(), nullptr, nullptr, raw, 16, &key), 0);
-  for (uint32_t size : {0u, 1u, 15u, 16u, 17u, 100u}) {
+  auto encrypt = [&](const Bytes &plain, uint32_t size, Bytes &out, uint32_t *length) {
+    return qn_pkcs11_encrypt_AESCBCPad(session(), &key, plain.data(), size, out.data(), length);
+  };
+  for (uint32_t size : {0u, 15u, 16u, 17u}) {
     SCOPED_TRACE(size);
     Bytes plain(size + 1, 0x5A); // never empty: the plaintext pointer is required
     uint32_t expected = 16 + (size / 16 + 1) * 16;
     Bytes first(expected), second(expected), back(expected);
-    uint32_t firstLength = expected, secondLength = expected, backLength = expected;
-    ASSERT_EQ(qn_pkcs11_encrypt_AESCBCPad(session(), &key, plain.data(), size, first.data(),
-                                          &firstLength),
-              0);
-    ASSERT_EQ(qn_pkcs11_encrypt_AESCBCPad(session(), &key, plain.data(), size, second.data(),
-                                          &secondLength),
-              0);
+    // A byte short of what either direction needs is refused.
+    uint32_t firstLength = expected - 1, secondLength = expected, backLength = expected - 17;
+    EXPECT_EQ(encrypt(plain, size, first, &firstLength), QN_PKCS11_RC_HMAC_BUFFER_SMALL);
+    firstLength = expected;
+    ASSERT_EQ(encrypt(plain, size, first, &firstLength), 0);
+    ASSERT_EQ(encrypt(plain, size, second, &secondLength), 0);
     EXPECT_EQ(firstLength, expected);
     EXPECT_NE(std::memcmp(first.data(), second.data(), 16), 0) << "IV reused";
     plain.resize(size);
     EXPECT_EQ(opensslDecrypt(raw, first.data(), firstLength), plain);
+    EXPECT_EQ(qn_pkcs11_decrypt_AESCBCPad(session(), &key, first.data(), firstLength, back.data(),
+                                          &backLength),
+              QN_PKCS11_RC_HMAC_BUFFER_SMALL);
+    backLength = expected - 16;
     ASSERT_EQ(qn_pkcs11_decrypt_AESCBCPad(session(), &key, first.data(), firstLength, back.data(),
                                           &backLength),
               0);
     back.resize(backLength);
     EXPECT_EQ(back, plain);
   }
-}
-
-TEST_P(TokenTest, AesRefusesShortBuffersWithoutLeavingAnOperationActive) {
-  qn_pkcs11_key key{};
-  unsigned char raw[32] = {1, 2, 3};
-  ASSERT_EQ(qn_pkcs11_create_aesSessionKeyFromRaw(session(), nullptr, nullptr, raw, 32, &key), 0);
-  unsigned char plain[16] = {}, out[48], back[32];
-  uint32_t length = 47; // 16 + two blocks needed
-  EXPECT_EQ(qn_pkcs11_encrypt_AESCBCPad(session(), &key, plain, 16, out, &length),
-            QN_PKCS11_RC_HMAC_BUFFER_SMALL);
-  EXPECT_EQ(length, 47u);
-  length = 48;
-  ASSERT_EQ(qn_pkcs11_encrypt_AESCBCPad(session(), &key, plain, 16, out, &length), 0);
-  uint32_t backLength = 31;
-  EXPECT_EQ(qn_pkcs11_decrypt_AESCBCPad(session(), &key, out, length, back, &backLength),
-            QN_PKCS11_RC_HMAC_BUFFER_SMALL);
-  backLength = 32;
-  EXPECT_EQ(qn_pkcs11_decrypt_AESCBCPad(session(), &key, out, 15, back, &backLength),
+  unsigned char in[15] = {}, out[16];
+  uint32_t length = sizeof out;
+  EXPECT_EQ(qn_pkcs11_decrypt_AESCBCPad(session(), &key, in, sizeof in, out, &length),
             ckr(CKR_ENCRYPTED_DATA_LEN_RANGE));
-  ASSERT_EQ(qn_pkcs11_decrypt_AESCBCPad(session(), &key, out, length, back, &backLength), 0);
-  EXPECT_EQ(backLength, 16u);
 }
 
 int32_t rsaVerify(qn_pkcs11_session *session, const qn_pkcs11_key &key, int hash, const Bytes &data,
@@ -386,16 +308,15 @@ protected:
   void prepare() override {
     label_ = uniqueLabel("rsa");
     ASSERT_EQ(qn_pkcs11_gen_RSAKeyPair(session(), 2048, label_.c_str(), &public_, &private_), 0);
-    token().destroyLater(public_);
-    token().destroyLater(private_);
+    destroyLater(public_);
+    destroyLater(private_);
   }
   int32_t sign(int hash, const Bytes &data, unsigned char *signature, uint32_t *length) {
     return qn_pkcs11_sign_pkcs1v15_RSA(session(), &private_, hash, data.data(),
                                        static_cast<uint32_t>(data.size()), signature, length);
   }
-  int32_t verify(const qn_pkcs11_key &key, int hash, const Bytes &data,
-                 const unsigned char *signature, uint32_t length) {
-    return rsaVerify(session(), key, hash, data, signature, length);
+  int32_t verify(int hash, const Bytes &data, const unsigned char *signature, uint32_t length) {
+    return rsaVerify(session(), public_, hash, data, signature, length);
   }
   std::string label_;
   qn_pkcs11_key public_{}, private_{};
@@ -415,18 +336,16 @@ TEST_P(RsaTest, SignaturesVerifyAndTamperingFails) {
   EXPECT_EQ(sign(QN_PKCS11_RSA_SHA1, data, signature, &length), ckr(CKR_BUFFER_TOO_SMALL));
   ASSERT_EQ(length, 256u);
   ASSERT_EQ(sign(QN_PKCS11_RSA_SHA1, data, signature, &length), 0);
-  EXPECT_EQ(verify(public_, QN_PKCS11_RSA_SHA1, data, signature, length), 0);
+  EXPECT_EQ(verify(QN_PKCS11_RSA_SHA1, data, signature, length), 0);
   signature[100] ^= 0x40;
   EXPECT_EQ(
-      statusAndOutput([&] { return verify(public_, QN_PKCS11_RSA_SHA1, data, signature, length); }),
+      statusAndOutput([&] { return verify(QN_PKCS11_RSA_SHA1, data, signature, length); }),
       Printed(ckr(CKR_SIGNATURE_INVALID),
               "C_Verify (verify_pkcs1v15_RSA) returned:  192 (0xc0) CKR_SIGNATURE_INVALID\n"));
   signature[100] ^= 0x40;
   data[0] ^= 1;
-  EXPECT_EQ(verify(public_, QN_PKCS11_RSA_SHA1, data, signature, length),
-            ckr(CKR_SIGNATURE_INVALID));
+  EXPECT_EQ(verify(QN_PKCS11_RSA_SHA1, data, signature, length), ckr(CKR_SIGNATURE_INVALID));
   EXPECT_EQ(sign(3, data, signature, &length), QN_PKCS11_RC_RSA_HASH);
-  EXPECT_EQ(verify(public_, 0, data, signature, length), QN_PKCS11_RC_RSA_HASH);
 }
 
 TEST_P(RsaTest, Sha256SignaturesWhereTheTokenHasTheMechanism) {
@@ -437,38 +356,29 @@ TEST_P(RsaTest, Sha256SignaturesWhereTheTokenHasTheMechanism) {
       statusAndOutput([&] { return sign(QN_PKCS11_RSA_SHA256, data, signature, &length); });
   if (GetParam() == mfatest::TokenKind::OpenCryptoki) {
     // This provider version lacks CKM_SHA256_RSA_PKCS.
-    EXPECT_EQ(rc, ckr(CKR_MECHANISM_INVALID));
-    EXPECT_EQ(out, "C_SignInit (sign_pkcs1v15_RSA) returned:  112 (0x70) CKR_MECHANISM_INVALID\n");
+    EXPECT_EQ(rc, ckr(CKR_MECHANISM_INVALID)) << out;
     return;
   }
   ASSERT_EQ(rc, 0) << out;
-  EXPECT_EQ(verify(public_, QN_PKCS11_RSA_SHA256, data, signature, length), 0);
-  EXPECT_EQ(verify(public_, QN_PKCS11_RSA_SHA1, data, signature, length),
-            ckr(CKR_SIGNATURE_INVALID));
+  EXPECT_EQ(verify(QN_PKCS11_RSA_SHA256, data, signature, length), 0);
+  EXPECT_EQ(verify(QN_PKCS11_RSA_SHA1, data, signature, length), ckr(CKR_SIGNATURE_INVALID));
 }
 
 TEST_P(RsaTest, WrapsOnlyExtractableSecrets) {
-  unsigned char *wrapped = nullptr;
-  uint32_t length = 0;
   for (int sensitive : {0, 1}) {
+    unsigned char *wrapped = nullptr;
+    uint32_t length = 0;
     qn_pkcs11_key secret{};
     ASSERT_EQ(qn_pkcs11_gen_AESCBCPadWithLabel(session(), 256, uniqueLabel("wrap").c_str(),
                                                sensitive, &secret),
               0);
-    token().destroyLater(secret);
+    destroyLater(secret);
     auto [rc, out] = statusAndOutput([&] {
       return qn_pkcs11_wrapSecret_PKCS1v15_RSA(session(), &public_, &secret, &wrapped, &length);
     });
-    if (sensitive) {
-      EXPECT_NE(rc, 0);
-      EXPECT_EQ(out.rfind("C_WrapKey #1 (wrapSecret_PKCS1v15_RSA) returned:  ", 0), 0u) << out;
-      EXPECT_EQ(wrapped, nullptr);
-    } else {
-      ASSERT_EQ(rc, 0) << out;
-      EXPECT_EQ(length, 256u);
-      safeFree(reinterpret_cast<char *>(wrapped), static_cast<int>(length));
-      wrapped = nullptr;
-    }
+    EXPECT_EQ(rc != 0, sensitive == 1) << out;
+    EXPECT_EQ(length, sensitive ? 0u : 256u);
+    safeFree(reinterpret_cast<char *>(wrapped), static_cast<int>(length));
   }
 }
 
@@ -493,11 +403,10 @@ TEST_P(TokenTest, ImportedRsaPublicKeyVerifiesForeignSignatures) {
   ASSERT_EQ(qn_pkcs11_create_rsaPubKeyFromRaw(session(), uniqueLabel("rsapub").c_str(), nullptr,
                                               raw.data(), static_cast<uint32_t>(raw.size()), &key),
             0);
-  auto length32 = static_cast<uint32_t>(length);
-  EXPECT_EQ(rsaVerify(session(), key, QN_PKCS11_RSA_SHA1, data, signature, length32), 0);
-  data.back() ^= 1;
-  EXPECT_EQ(rsaVerify(session(), key, QN_PKCS11_RSA_SHA1, data, signature, length32),
-            ckr(CKR_SIGNATURE_INVALID));
+  destroyLater(key);
+  EXPECT_EQ(
+      rsaVerify(session(), key, QN_PKCS11_RSA_SHA1, data, signature, static_cast<uint32_t>(length)),
+      0);
 }
 
 MFA_INSTANTIATE_ON_TOKENS(TokenTest);

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -35,70 +34,42 @@ template <typename Call> std::pair<int32_t, std::string> statusAndOutput(Call ca
 }
 
 enum class TokenKind { SoftHsm, OpenCryptoki };
-void PrintTo(TokenKind kind, std::ostream *out);
 
 // The variables that name a token's provider library and its label.
 struct TokenService {
-  const char *name; // for test names: "SoftHSM", "openCryptoki"
+  const char *name; // for test names
   const char *moduleVariable;
   const char *labelVariable;
 };
 const TokenService &tokenService(TokenKind kind);
+inline void PrintTo(TokenKind kind, std::ostream *out) {
+  *out << tokenService(kind).name;
+}
 
 // An open read-write session on a test token. Keys registered with
 // destroyLater are destroyed before the session closes, so that persistent
 // test objects do not pile up on the token.
-class TokenSession {
-public:
-  TokenSession() = default;
-  TokenSession(const TokenSession &) = delete;
-  TokenSession &operator=(const TokenSession &) = delete;
-  ~TokenSession() { close(); }
-
-  // Loads the provider, finds the token and opens the session. Returns an
-  // empty string on success, else what went wrong.
-  std::string open(const std::string &module, const std::string &label);
-  void close();
-
+class TokenFixture {
+protected:
+  ~TokenFixture();
+  // Skips the test when the token's variables are unset (fails it when
+  // scripts/test started the services).
+  void openToken(TokenKind kind);
+  void closeToken();
   qn_pkcs11_session *session() { return &session_; }
   qn_pkcs11_env *env() { return env_; }
   qn_pkcs11_token *token() { return token_; }
   void destroyLater(const qn_pkcs11_key &key) { created_.push_back(key); }
+  // A label unique to this process and call, so that concurrent runs and
+  // repeated tests never find each other's objects.
+  static std::string uniqueLabel(std::string_view stem);
 
 private:
   qn_pkcs11_env *env_ = nullptr;
   qn_pkcs11_token *token_ = nullptr;
   qn_pkcs11_session session_{};
   std::vector<qn_pkcs11_key> created_;
-};
-
-// While alive, allocations of this thread are not reported as leaks.
-// openCryptoki leaks memory on every HMAC and when it unloads its per-slot
-// libraries, in stacks that suppressions cannot reach; the same calls run on
-// SoftHSM2 with leak checking, which keeps this library's own leaks visible.
-class ProviderLeakScope {
-public:
-  ProviderLeakScope();
-  ProviderLeakScope(const ProviderLeakScope &) = delete;
-  ProviderLeakScope &operator=(const ProviderLeakScope &) = delete;
-  ~ProviderLeakScope();
-};
-
-// Opens the token of the given kind in SetUp: skips the test when its service
-// variables are unset (fails it when scripts/test started the services).
-class TokenFixture {
-protected:
-  void openToken(TokenKind kind);
-  void closeToken() { token_.close(); }
-  qn_pkcs11_session *session() { return token_.session(); }
-  TokenSession &token() { return token_; }
-  // A label unique to this process and call, so that concurrent runs and
-  // repeated tests never find each other's objects.
-  static std::string uniqueLabel(std::string_view stem);
-
-private:
-  std::optional<ProviderLeakScope> leakScope_; // outlives token_ and the test body
-  TokenSession token_;
+  bool leakCheckOff_ = false;
 };
 
 // Parameterised over both tokens; instantiate with MFA_INSTANTIATE_ON_TOKENS.
@@ -121,12 +92,10 @@ protected:
   void TearDown() override { closeToken(); }
 };
 
-std::string tokenTestName(const testing::TestParamInfo<TokenKind> &info);
-
 } // namespace mfatest
 
 #define MFA_INSTANTIATE_ON_TOKENS(suite)                                                           \
   INSTANTIATE_TEST_SUITE_P(                                                                        \
       Tokens, suite,                                                                               \
       testing::Values(mfatest::TokenKind::SoftHsm, mfatest::TokenKind::OpenCryptoki),              \
-      mfatest::tokenTestName)
+      [](const auto &info) { return std::string(mfatest::tokenService(info.param).name); })
