@@ -10,6 +10,7 @@
 #include "base/alloc.h"
 #include "base/logging.h"
 #include "db/dbcommon_internal.h"
+#include "mfadata/factorutils.h"
 
 namespace mfadb {
 namespace {
@@ -73,7 +74,11 @@ int Session::connect(std::initializer_list<Value> values) {
 void Session::report(const char *format, ...) {
   va_list args;
   va_start(args, format);
-  if (reporter_ == Reporter::Stdout) {
+  if (reporter_ != Reporter::Log) {
+    if (reporter_ == Reporter::Console) {
+      printStamp();
+      printf("MFADB:");
+    }
     vprintf(format, args);
     fflush(stdout);
   } else {

@@ -25,9 +25,11 @@ constexpr int kNoticeLevel = 4;
 // The statement buffer of every operation that does not name its own size.
 constexpr std::size_t kStatementSize = 1024;
 
-// Where an operation reports: the database component's log, or standard
-// output without a time stamp (the factor-data service).
-enum class Reporter { Log, Stdout };
+// Where an operation reports: the database component's log, standard output
+// without a time stamp (the factor-data service), or standard output behind
+// the time stamp and "MFADB:" (the console messages of the password, client
+// and YubiKey operations).
+enum class Reporter { Log, Stdout, Console };
 
 // The result status a statement must come back with.
 enum class Expect { Tuples, Command, Either };
