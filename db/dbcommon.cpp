@@ -52,9 +52,10 @@ int Session::connect() {
     return QN_DB_BAD_PARAMETERS;
   connection_.reset(PQconnectdb(context_->connectionString));
   if (PQstatus(connection()) != CONNECTION_OK) {
-    // libpq's message brings its own line end; the log line adds one more.
-    report(reporter_ == Reporter::Log ? "Connection to database failed: %s\n"
-                                      : "Connection to database failed: %s",
+    // libpq's message brings its own line end; the log and console lines add
+    // one more, the factor-data service's line does not.
+    report(reporter_ == Reporter::Stdout ? "Connection to database failed: %s"
+                                         : "Connection to database failed: %s\n",
            PQerrorMessage(connection()));
     return QN_DB_CONNECT_FAILED;
   }
@@ -122,6 +123,13 @@ int Session::execFormatted(Expect expect, const Failure &failure, const char *fo
 
 int Session::requireRows(const char *notFound) {
   if (rows() > 0)
+    return 0;
+  report("%s", notFound);
+  return QN_DB_NOT_FOUND;
+}
+
+int Session::requireChanged(const char *notFound) {
+  if (atoi(PQcmdTuples(result())) > 0)
     return 0;
   report("%s", notFound);
   return QN_DB_NOT_FOUND;

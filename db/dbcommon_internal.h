@@ -139,6 +139,9 @@ public:
   // 0 when the last result has rows; otherwise notFound is reported and the
   // status is 80105.
   int requireRows(const char *notFound);
+  // 0 when the last command changed at least one row; otherwise notFound is
+  // reported and the status is 80105.
+  int requireChanged(const char *notFound);
 
   // Runs body between "BEGIN" and "END", or "ROLLBACK" when it fails.
   template <typename Body> int transaction(Body &&body) {

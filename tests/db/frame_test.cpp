@@ -9,9 +9,11 @@
 
 #include "base/alloc.h"
 #include "base/logging.h"
+#include "db/admins.h"
 #include "db/dbcommon_internal.h"
 #include "db/factors.h"
 #include "db/policies.h"
+#include "db/yubikey.h"
 #include "mfadata/factordata.h"
 #include "mfadata/usermfadata.h"
 #include "support/env.h"
@@ -44,6 +46,7 @@ const std::vector<Operation> &everyOperation() {
   static MFAAdminFactorData *f, **fs;
   static userPolicyData *p, **ps;
   static MFAAdminPolicyData *pr, **prs;
+  static adminData **admins;
   static userMFAData *data;
   static factorData *got;
   static const std::vector<Operation> all = {
@@ -76,6 +79,13 @@ const std::vector<Operation> &everyOperation() {
       OPERATION(80104, qn_db_userPolicyConnect(c, "u", "p")),
       OPERATION(80104, qn_db_userPolicyDisconnectById(c, 1)),
       OPERATION(80104, qn_db_userPolicyDisconnect(c, "u", "p")),
+      OPERATION(80104, qn_db_administratorAddUpdate(c, "u", 1)),
+      OPERATION(80102, qn_db_administratorGetInfo(c, "u", &n, &g)),
+      OPERATION(80108, qn_db_administratorRemove(c, "u", nullptr)),
+      OPERATION(80102, qn_db_administratorList(c, &n, &admins)),
+      OPERATION(80102, qn_db_yubi_FindRecord(c, "p", &uid)),
+      OPERATION(80104, qn_db_yubi_AddUpdateRecord(c, "p", "1,a")),
+      OPERATION(80102, qn_db_yubi_DeleteRecord(c, "p")),
       OPERATION(80102, pq_userMFAData_create(c, "u", &data)),
       // A failed read of one factor hands out nothing and still succeeds.
       OPERATION(0, kfactor_get_UserFactorData(c, "u", "QMXLDAP1", &got)),

@@ -33,6 +33,18 @@ const std::string &resetStatements() {
 
 } // namespace
 
+void runSteps(const std::vector<Step> &steps) {
+  for (const Step &step : steps) {
+    int status = -1;
+    std::string out;
+    std::string printed = captureStdout([&] { out = step.run(status); });
+    printed.erase(0, std::min(printed.find("MFADB:"), printed.size()));
+    EXPECT_EQ(status, step.status) << step.what;
+    EXPECT_EQ(out, step.out) << step.what;
+    EXPECT_EQ(printed, step.printed) << step.what;
+  }
+}
+
 std::string quoted(const std::string &text) {
   std::string out = "'";
   for (char c : text)

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,26 @@ protected:
 
   dbctx *ctx = nullptr;
 };
+
+// One call of a sequence run on one database: the status it must give, what
+// it must hand out ("" when nothing) and what it must print from the first
+// "MFADB:" on.
+struct Step {
+  const char *what;
+  std::function<std::string(int &status)> run;
+  int status;
+  std::string out;
+  std::string printed;
+};
+// Runs the steps in order, checking each.
+void runSteps(const std::vector<Step> &steps);
+// The run of a step whose operation hands nothing out.
+template <typename Operation> std::function<std::string(int &)> writes(Operation operation) {
+  return [operation](int &status) {
+    status = operation();
+    return std::string();
+  };
+}
 
 // SQL text for a string value between single quotes.
 std::string quoted(const std::string &text);
