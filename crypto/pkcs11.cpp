@@ -5,6 +5,9 @@
 #include "crypto/digest.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstdio>
@@ -122,6 +125,61 @@ qn_pkcs11_env *openSessionEnv(const qn_pkcs11_session *session, int32_t *rc) {
   return session->token->env;
 }
 
+// The PIN file named by the environment, or null when sessions make no login.
+const char *pinFilePath() {
+  const char *path = std::getenv(QN_PKCS11_PIN_FILE_VARIABLE);
+  return path != nullptr && *path != '\0' ? path : nullptr;
+}
+
+bool loginConfigured() {
+  return pinFilePath() != nullptr;
+}
+
+// A PIN read from its file, wiped when it goes out of scope.
+class Pin {
+public:
+  Pin() = default;
+  Pin(const Pin &) = delete;
+  Pin &operator=(const Pin &) = delete;
+  ~Pin() { explicit_bzero(text_.data(), text_.size()); }
+
+  // 0, 7773014 for a file that is not a regular file or that its group or
+  // others may read, or 7773015 for one that cannot be read or holds no PIN.
+  int32_t read(const char *path) {
+    int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) {
+      printf("PKCS#11 PIN file %s cannot be opened\n", path);
+      return QN_PKCS11_RC_PIN_FILE_READ;
+    }
+    struct stat info {};
+    int32_t rc = 0;
+    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || (info.st_mode & 077) != 0) {
+      printf("PKCS#11 PIN file %s must be a regular file that only its owner can read\n", path);
+      rc = QN_PKCS11_RC_PIN_FILE_MODE;
+    } else {
+      ssize_t got = ::read(fd, text_.data(), text_.size());
+      length_ = got > 0 ? static_cast<std::size_t>(got) : 0;
+      // The PIN is the first line; a file that fills the buffer holds no
+      // usable one.
+      std::size_t end = std::string_view(text_.data(), length_).find_first_of("\r\n");
+      if (end != std::string_view::npos)
+        length_ = end;
+      if (length_ == 0 || length_ == text_.size()) {
+        printf("PKCS#11 PIN file %s holds no PIN\n", path);
+        rc = QN_PKCS11_RC_PIN_FILE_READ;
+      }
+    }
+    close(fd);
+    return rc;
+  }
+  CK_UTF8CHAR_PTR data() { return reinterpret_cast<CK_UTF8CHAR_PTR>(text_.data()); }
+  CK_ULONG size() const { return static_cast<CK_ULONG>(length_); }
+
+private:
+  std::array<char, 256> text_{};
+  std::size_t length_ = 0;
+};
+
 CK_BBOOL kTrue = CK_TRUE;
 CK_BBOOL kFalse = CK_FALSE;
 CK_BYTE kPublicExponent[] = {0x01, 0x00, 0x01};
@@ -134,16 +192,19 @@ public:
   Template(const Template &) = delete; // the attributes point into it
   Template &operator=(const Template &) = delete;
 
-  // What every key template starts with. Keys are never private, so that
-  // sessions without a login find them.
+  // What every key template starts with. Secret and private keys are private
+  // objects exactly when sessions log in, so that without a login every
+  // session still finds them. No key may seed a derivation, whatever the
+  // provider's default.
   void key(CK_OBJECT_CLASS objectClass, CK_KEY_TYPE keyType, bool onToken, const char *label) {
     class_ = objectClass;
     keyType_ = keyType;
     add(CKA_CLASS, class_);
     add(CKA_KEY_TYPE, keyType_);
     flag(CKA_TOKEN, onToken);
-    flag(CKA_PRIVATE, false);
+    flag(CKA_PRIVATE, objectClass != CKO_PUBLIC_KEY && loginConfigured());
     text(CKA_LABEL, label);
+    flag(CKA_DERIVE, false);
   }
   void add(CK_ATTRIBUTE_TYPE type, const void *value, std::size_t length) {
     if (count_ < attributes_.size())
@@ -162,20 +223,22 @@ public:
   uint32_t size() const { return static_cast<uint32_t>(count_); }
 
 private:
-  std::array<CK_ATTRIBUTE, 16> attributes_{}; // the largest template here has 13
+  std::array<CK_ATTRIBUTE, 18> attributes_{}; // the largest template here has 16
   std::size_t count_ = 0;
   CK_OBJECT_CLASS class_ = 0;
   CK_KEY_TYPE keyType_ = 0;
 };
 
 // What a secret key may be used for: ciphers encrypt and decrypt, MAC keys
-// sign and verify.
+// sign and verify; neither wraps nor unwraps other keys.
 void addSecretUsage(Template &attributes, CK_KEY_TYPE keyType) {
   bool mac = keyType == CKK_GENERIC_SECRET;
   attributes.flag(CKA_ENCRYPT, !mac);
   attributes.flag(CKA_DECRYPT, !mac);
   attributes.flag(CKA_SIGN, mac);
   attributes.flag(CKA_VERIFY, mac);
+  attributes.flag(CKA_WRAP, false);
+  attributes.flag(CKA_UNWRAP, false);
 }
 
 // A public RSA key with the exponent 65537 that verifies, encrypts and wraps.
@@ -285,6 +348,22 @@ int32_t createSecretFromRaw(qn_pkcs11_session *session, CK_KEY_TYPE keyType, boo
   return rc;
 }
 
+// Logs the new session's application in as the token's user when a PIN file
+// is configured. A login that another session of this process already made
+// counts as made.
+int32_t login(qn_pkcs11_env *env, CK_SESSION_HANDLE handle) {
+  const char *path = pinFilePath();
+  if (path == nullptr)
+    return 0;
+  Pin pin;
+  if (int32_t rc = pin.read(path))
+    return rc;
+  CK_RV rv = env->functions->C_Login(handle, CKU_USER, pin.data(), pin.size());
+  if (rv == CKR_USER_ALREADY_LOGGED_IN)
+    rv = CKR_OK;
+  return status(record(env, rv, "C_Login (session_open)"));
+}
+
 int32_t openSession(qn_pkcs11_token *token, qn_pkcs11_session *session, bool readWrite) {
   if (token == nullptr || session == nullptr)
     return kMissingArgument;
@@ -313,6 +392,10 @@ int32_t openSession(qn_pkcs11_token *token, qn_pkcs11_session *session, bool rea
   }
   if (rv != CKR_OK)
     return status(rv);
+  if (int32_t rc = login(env, handle); rc != 0) {
+    env->functions->C_CloseSession(handle);
+    return rc;
+  }
   session->token = token;
   session->handle = handle;
   session->flags |= QN_PKCS11_SESSION_OPEN;

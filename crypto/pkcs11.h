@@ -16,8 +16,20 @@
 // Provider: the library named by the environment variable QMX_PKCS11_MODULE
 // when it is set and not empty, else QN_PKCS11_DEFAULT_MODULE.
 //
-// No login is made: every object this layer creates is public
-// (CKA_PRIVATE = FALSE), so it is reachable from any session of the token.
+// Login: when the environment variable QMX_PKCS11_PIN_FILE names a file, every
+// session this layer opens logs in as the token's user (CKU_USER) with the
+// PIN that the file holds (its first line; a trailing line end is not part
+// of it), and every secret or private key the layer creates is a private
+// object (CKA_PRIVATE = TRUE): usable only by a process that logged in. The
+// file must be a regular file that neither its group nor others can read
+// (mode 0600 or 0400); any other is refused before a login is tried. The PIN
+// is wiped from memory right after the login. Without the variable (or with
+// it empty) no login is made and every object is public, reachable from any
+// session of the token. Public keys are always public objects.
+//
+// Every key template states CKA_DERIVE = FALSE, and CKA_WRAP/CKA_UNWRAP =
+// FALSE unless wrapping is the key's role, so that no provider default can
+// let a credential key seed a derivation or wrap another key.
 #ifndef MFA_CRYPTO_PKCS11_H
 #define MFA_CRYPTO_PKCS11_H
 
@@ -31,6 +43,7 @@ extern "C" {
 
 #define QN_PKCS11_DEFAULT_MODULE "/usr/lib64/opencryptoki/libopencryptoki.so"
 #define QN_PKCS11_MODULE_VARIABLE "QMX_PKCS11_MODULE"
+#define QN_PKCS11_PIN_FILE_VARIABLE "QMX_PKCS11_PIN_FILE"
 
 // Library codes.
 #define QN_PKCS11_RC_MISSING_ARGUMENT 7770001
@@ -50,6 +63,8 @@ extern "C" {
 #define QN_PKCS11_RC_SESSION_NOT_OPEN 7773010
 #define QN_PKCS11_RC_HMAC_KEY_TOO_LONG 7773012
 #define QN_PKCS11_RC_RSA_HASH 7773013
+#define QN_PKCS11_RC_PIN_FILE_MODE 7773014 // PIN file readable by group or others, or not a file
+#define QN_PKCS11_RC_PIN_FILE_READ 7773015 // PIN file missing, unreadable or empty
 
 #define QN_PKCS11_MAX_RANDOM 4096
 #define QN_PKCS11_LABEL_LENGTH 32
@@ -123,7 +138,10 @@ int32_t qn_pkcs11_findToken(qn_pkcs11_env *env, const char *label, qn_pkcs11_tok
 void qn_pkcs11_token_free(qn_pkcs11_token *token);
 
 // Open a serial session (read-only, or read-write) on the token into the
-// caller's session record, which must not be open.
+// caller's session record, which must not be open. With a PIN file configured
+// (see above) the session then logs in; a refused PIN file gives 7773014 or
+// 7773015, a refused login the provider's value (CKR_PIN_INCORRECT,
+// CKR_PIN_LOCKED, ...), and the session is closed again in both cases.
 int32_t qn_pkcs11_session_openReadOnly(qn_pkcs11_token *token, qn_pkcs11_session *session);
 int32_t qn_pkcs11_session_openReadWrite(qn_pkcs11_token *token, qn_pkcs11_session *session);
 

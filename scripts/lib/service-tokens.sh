@@ -5,7 +5,8 @@
 # token behind its slot daemon. Exports what the tests read:
 #   MFA_SOFTHSM_MODULE, SOFTHSM2_CONF, MFA_TEST_TOKEN_LABEL,
 #   MFA_TEST_LONG_TOKEN_LABEL, MFA_OPENCRYPTOKI_MODULE,
-#   MFA_OPENCRYPTOKI_TOKEN_LABEL.
+#   MFA_OPENCRYPTOKI_TOKEN_LABEL, and MFA_TEST_PIN_FILE: a file readable only
+#   by its owner with the user PIN that both tokens share.
 # tokens_stop: stops the slot daemon if tokens_start started it and no other
 # run uses it.
 
@@ -17,6 +18,7 @@ tokens_ock_modules=(/usr/lib/x86_64-linux-gnu/opencryptoki/libopencryptoki.so
 tokens_ock_label=MFA-OCK-TEST
 tokens_ock_slot=3 # the software token in the default slot configuration
 tokens_ock_so_pin=87654321 # the SO PIN of a token that was never initialised
+tokens_user_pin=24681357    # the user PIN of every test token
 tokens_ock_pidfile=/var/run/pkcsslotd.pid
 tokens_ock_lockfile=/tmp/mfa-opencryptoki.lock
 tokens_ock_started_pid=
@@ -27,6 +29,8 @@ tokens_start() {
   local dir=$1
   tokens_start_softhsm "$dir" || return 1
   tokens_start_opencryptoki || return 1
+  (umask 077 && printf '%s\n' "$tokens_user_pin" >"$dir/user.pin")
+  export MFA_TEST_PIN_FILE=$dir/user.pin
 }
 
 tokens_start_softhsm() {
@@ -36,7 +40,7 @@ tokens_start_softhsm() {
     "$dir/tokens" >"$dir/softhsm2.conf"
   export SOFTHSM2_CONF=$dir/softhsm2.conf
   for label in "$tokens_softhsm_label" "$tokens_softhsm_long_label"; do
-    softhsm2-util --init-token --free --label "$label" --so-pin 12345678 --pin 1234 >/dev/null ||
+    softhsm2-util --init-token --free --label "$label" --so-pin 12345678 --pin "$tokens_user_pin" >/dev/null ||
       { echo "tokens: cannot initialise the SoftHSM2 token $label" >&2; return 1; }
   done
   export MFA_SOFTHSM_MODULE=$tokens_softhsm_module
@@ -132,13 +136,23 @@ tokens_prepare_opencryptoki() {
     tokens_ock_started_pid=$pid
   fi
 
-  tokens_ock_token_ready && return 0
-  printf '%s\n' "$tokens_ock_label" |
-    as_root pkcsconf -I -c "$tokens_ock_slot" -S "$tokens_ock_so_pin" >/dev/null 2>&1
-  tokens_ock_token_ready && return 0
-  echo "tokens: cannot initialise the openCryptoki software token:" >&2
-  tokens_ock_token_info >&2
-  return 1
+  if ! tokens_ock_token_ready; then
+    printf '%s\n' "$tokens_ock_label" |
+      as_root pkcsconf -I -c "$tokens_ock_slot" -S "$tokens_ock_so_pin" >/dev/null 2>&1
+  fi
+  if ! tokens_ock_token_ready; then
+    echo "tokens: cannot initialise the openCryptoki software token:" >&2
+    tokens_ock_token_info >&2
+    return 1
+  fi
+  # Set anew on every start: this also clears a count of wrong PINs that an
+  # earlier run may have left.
+  as_root pkcsconf -u -c "$tokens_ock_slot" -S "$tokens_ock_so_pin" -n "$tokens_user_pin" \
+    >/dev/null 2>&1
+  tokens_ock_token_info | grep -q USER_PIN_INITIALIZED || {
+    echo "tokens: cannot set the user PIN of the openCryptoki software token" >&2
+    return 1
+  }
 }
 
 tokens_stop() {

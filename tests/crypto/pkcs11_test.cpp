@@ -12,6 +12,9 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <functional>
+#include <optional>
 #include <string>
 
 namespace {
@@ -407,6 +410,125 @@ TEST_P(TokenTest, ImportedRsaPublicKeyVerifiesForeignSignatures) {
   EXPECT_EQ(
       rsaVerify(session(), key, QN_PKCS11_RSA_SHA1, data, signature, static_cast<uint32_t>(length)),
       0);
+}
+
+// A key's boolean attribute as the provider reports it.
+bool keyFlag(qn_pkcs11_session *session, const qn_pkcs11_key &key, CK_ATTRIBUTE_TYPE type) {
+  CK_BBOOL value = CK_TRUE;
+  CK_ATTRIBUTE query = {type, &value, sizeof value};
+  EXPECT_EQ(key.env->functions->C_GetAttributeValue(session->handle, key.handle, &query, 1),
+            CKR_OK)
+      << "attribute " << type;
+  return value == CK_TRUE;
+}
+
+// Sets an environment variable for one scope and restores what was there.
+class ScopedVariable {
+public:
+  ScopedVariable(const char *name, const std::string &value) : name_(name) {
+    if (const char *old = getenv(name))
+      old_ = old;
+    setenv(name, value.c_str(), 1);
+  }
+  ~ScopedVariable() { old_ ? setenv(name_, old_->c_str(), 1) : unsetenv(name_); }
+
+private:
+  const char *name_;
+  std::optional<std::string> old_;
+};
+
+// Every kind of credential key the library makes: none may seed a derivation
+// or wrap, whatever the provider's defaults, and each is private exactly when
+// sessions log in.
+TEST_P(TokenTest, CredentialKeysNeitherDeriveNorWrap) {
+  const Bytes raw(32, 0x5a);
+  const std::pair<const char *, std::function<int32_t(const char *, qn_pkcs11_key *)>> makers[] = {
+      {"AES", [&](auto label, auto key) {
+         return qn_pkcs11_gen_AESCBCPadWithLabel(session(), 256, label, 1, key);
+       }},
+      {"generic HMAC", [&](auto label, auto key) {
+         return qn_pkcs11_gen_GenericSecretHMACKeyWithLabel(session(), 32, label, 0, key);
+       }},
+      {"SHA HMAC", [&](auto label, auto key) {
+         return qn_pkcs11_gen_shaHMACKeyWithLabel(session(), QN_HASH_SHA256, label, 0, key);
+       }},
+      {"AES from raw", [&](auto label, auto key) {
+         return qn_pkcs11_create_aesKeyFromRaw(session(), label, nullptr, raw.data(), 32, key);
+       }},
+      {"OTP seed", [&](auto label, auto key) {
+         return qn_pkcs11_create_hmacKeyFromRaw(session(), label, nullptr, raw.data(), 20, key);
+       }},
+      {"password session key", [&](auto label, auto key) {
+         return qn_pkcs11_create_hmacSessionKeyFromRaw(session(), label, nullptr, raw.data(), 8,
+                                                       key);
+       }},
+  };
+  const char *pinFile = getenv(QN_PKCS11_PIN_FILE_VARIABLE);
+  const bool loggedIn = pinFile != nullptr && *pinFile != '\0';
+  for (const auto &[kind, make] : makers) {
+    qn_pkcs11_key key{};
+    ASSERT_EQ(make(uniqueLabel("locked").c_str(), &key), 0) << kind;
+    destroyLater(key);
+    EXPECT_FALSE(keyFlag(session(), key, CKA_DERIVE)) << kind;
+    EXPECT_FALSE(keyFlag(session(), key, CKA_WRAP)) << kind;
+    EXPECT_FALSE(keyFlag(session(), key, CKA_UNWRAP)) << kind;
+    EXPECT_TRUE(keyFlag(session(), key, CKA_SENSITIVE)) << kind;
+    EXPECT_EQ(keyFlag(session(), key, CKA_PRIVATE), loggedIn) << kind;
+  }
+}
+
+// Wrong PINs count towards locking a token, so the login refusals run on the
+// token that each run has to itself.
+TEST_F(SoftHsmTest, PinFileGuardsTheLogin) {
+  MFA_REQUIRE_SERVICE("MFA_TEST_PIN_FILE");
+  std::string pin;
+  std::getline(std::ifstream(mfatest::serviceVariable("MFA_TEST_PIN_FILE")), pin);
+  std::string path = testing::TempDir() + uniqueLabel("pin");
+  auto writePin = [&](const std::string &text, mode_t mode) {
+    std::ofstream(path, std::ios::trunc) << text;
+    chmod(path.c_str(), mode);
+  };
+  ScopedVariable variable(QN_PKCS11_PIN_FILE_VARIABLE, path);
+  qn_pkcs11_session second{};
+  auto open = [&] {
+    return statusAndOutput([&] { return qn_pkcs11_session_openReadOnly(token(), &second); });
+  };
+
+  // The right PIN in a file others may read is refused before any login.
+  writePin(pin + "\n", 0644);
+  EXPECT_EQ(open(), Printed(QN_PKCS11_RC_PIN_FILE_MODE,
+                            "PKCS#11 PIN file " + path +
+                                " must be a regular file that only its owner can read\n"));
+  writePin("\n", 0600);
+  EXPECT_EQ(open(), Printed(QN_PKCS11_RC_PIN_FILE_READ, "PKCS#11 PIN file " + path +
+                                                            " holds no PIN\n"));
+  writePin("00000000\n", 0600);
+  auto [rc, out] = open();
+  EXPECT_EQ(rc, ckr(CKR_PIN_INCORRECT));
+  EXPECT_NE(out.find("C_Login (session_open) returned:  160 (0xa0) CKR_PIN_INCORRECT"),
+            std::string::npos)
+      << out;
+  EXPECT_FALSE(second.flags & QN_PKCS11_SESSION_OPEN);
+  unlink(path.c_str());
+  EXPECT_EQ(open().first, QN_PKCS11_RC_PIN_FILE_READ);
+
+  // With the right PIN the key is private: a session without the login no
+  // longer finds it.
+  writePin(pin + "\r\n", 0400);
+  ASSERT_EQ(open(), Printed(0, ""));
+  std::string label = uniqueLabel("private");
+  qn_pkcs11_key key{}, found{};
+  ASSERT_EQ(qn_pkcs11_gen_GenericSecretHMACKeyWithLabel(session(), 32, label.c_str(), 0, &key), 0);
+  EXPECT_TRUE(keyFlag(session(), key, CKA_PRIVATE));
+  ASSERT_EQ(env()->functions->C_Logout(second.handle), CKR_OK);
+  EXPECT_EQ(qn_pkcs11_find_genericSecretWithLabel(session(), label.c_str(), &found),
+            QN_PKCS11_RC_KEY_NOT_FOUND);
+  ASSERT_EQ(qn_pkcs11_session_close(&second), 0);
+  ASSERT_EQ(open().first, 0);
+  ASSERT_EQ(qn_pkcs11_find_genericSecretWithLabel(session(), label.c_str(), &found), 0);
+  EXPECT_EQ(qn_pkcs11_destroyObject(session(), &found), 0);
+  EXPECT_EQ(qn_pkcs11_session_close(&second), 0);
+  unlink(path.c_str());
 }
 
 MFA_INSTANTIATE_ON_TOKENS(TokenTest);
