@@ -75,6 +75,18 @@ int Session::connect(std::initializer_list<Value> values) {
 void Session::report(const char *format, ...) {
   va_list args;
   va_start(args, format);
+  reportV(MFADB_ERROR_LEVEL, format, args);
+  va_end(args);
+}
+
+void Session::reportAt(int level, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  reportV(level, format, args);
+  va_end(args);
+}
+
+void Session::reportV(int level, const char *format, va_list args) {
   if (reporter_ != Reporter::Log) {
     if (reporter_ == Reporter::Console) {
       printStamp();
@@ -83,9 +95,8 @@ void Session::report(const char *format, ...) {
     vprintf(format, args);
     fflush(stdout);
   } else {
-    logText(context_, MFADB_ERROR_LEVEL, formatText(format, args).c_str());
+    logText(context_, level, formatText(format, args).c_str());
   }
-  va_end(args);
 }
 
 int Session::check(Expect expect, const Failure &failure) {

@@ -123,6 +123,9 @@ public:
   Escaped escape(const char *value) const { return Escaped(connection(), value); }
 
   void report(const char *format, ...) MFADB_PRINTF(2, 3);
+  // As report, at the given log level instead of the error level; the
+  // level only matters when the session reports to the log.
+  void reportAt(int level, const char *format, ...) MFADB_PRINTF(3, 4);
 
   // A constant statement without parameters, sent with PQexec.
   int exec(const char *sql, Expect expect, const Failure &failure);
@@ -173,6 +176,7 @@ private:
   };
 
   int check(Expect expect, const Failure &failure);
+  void reportV(int level, const char *format, va_list args) MFADB_PRINTF(3, 0);
   void control(const char *sql);
 
   dbctx *context_;

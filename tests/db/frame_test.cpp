@@ -13,6 +13,7 @@
 #include "db/dbcommon_internal.h"
 #include "db/factors.h"
 #include "db/policies.h"
+#include "db/users.h"
 #include "db/yubikey.h"
 #include "mfadata/factordata.h"
 #include "mfadata/usermfadata.h"
@@ -48,6 +49,7 @@ const std::vector<Operation> &everyOperation() {
   static MFAAdminPolicyData *pr, **prs;
   static adminData **admins;
   static userMFAData *data;
+  static userData *u, **us;
   static factorData *got;
   static const std::vector<Operation> all = {
       OPERATION(80102, qn_db_factorGetEnabledNames(c, &n, &names)),
@@ -86,6 +88,28 @@ const std::vector<Operation> &everyOperation() {
       OPERATION(80102, qn_db_yubi_FindRecord(c, "p", &uid)),
       OPERATION(80104, qn_db_yubi_AddUpdateRecord(c, "p", "1,a")),
       OPERATION(80102, qn_db_yubi_DeleteRecord(c, "p")),
+      OPERATION(80104, qn_db_userAdd(c, "u", "n", 0, "s", &n)),
+      OPERATION(80108, qn_db_userRemoveById(c, 1)),
+      OPERATION(80104, qn_db_userRemove(c, "u")),
+      OPERATION(80102, qn_db_userIsFallback(c, "u", &n)),
+      OPERATION(80107, qn_db_userUpdateById(c, 1, 0, 0, "s")),
+      OPERATION(80107, qn_db_userSetFallback(c, "u", 1)),
+      OPERATION(80107, qn_db_userSetFallbackById(c, 1, 1)),
+      OPERATION(80107, qn_db_userSetSSOIdById(c, 1, "s")),
+      OPERATION(80107, qn_db_userSetSuspended(c, "u", 1)),
+      OPERATION(80107, qn_db_userSetSuspendedById(c, 1, 1)),
+      OPERATION(80102, qn_db_userGetSuspended(c, "u", &n)),
+      OPERATION(80107, qn_db_userIncrementFailcount(c, "u", &n)),
+      OPERATION(80107, qn_db_userSetFailcount(c, "u", 1)),
+      OPERATION(80102, qn_db_userGetFailcount(c, "u", &n)),
+      OPERATION(80107, qn_db_administratorSetSuspended(c, "u", 1)),
+      OPERATION(80102, qn_db_administratorGetSuspended(c, "u", &n)),
+      OPERATION(80107, qn_db_administratorIncrementFailcount(c, "u", &n)),
+      OPERATION(80107, qn_db_administratorSetFailcount(c, "u", 1)),
+      OPERATION(80102, qn_db_administratorGetFailcount(c, "u", &n)),
+      OPERATION(80102, qn_db_userGetById(c, 1, &u)),
+      OPERATION(80102, qn_db_userGetOne(c, "u", &u)),
+      OPERATION(80102, qn_db_userList(c, &n, &us)),
       OPERATION(80102, pq_userMFAData_create(c, "u", &data)),
       // A failed read of one factor hands out nothing and still succeeds.
       OPERATION(0, kfactor_get_UserFactorData(c, "u", "QMXLDAP1", &got)),
