@@ -14,7 +14,8 @@ using namespace mfadb;
 namespace {
 
 constexpr int kFormatVersion = 1;
-// Room the stored format asks of the hashing context.
+// Salt and key sizes of the stored format; a hashing context set up for
+// longer ones is refused by qn_pwhash_protect rather than overrunning these.
 constexpr uint32_t kSaltBytes = 16, kKeyBytes = 32;
 // "Password match failed" is routine: it is logged below the error level.
 constexpr int kMismatchLevel = 3;
@@ -58,8 +59,7 @@ int protect(Session &session, qn_pwhash_ctx *hashing, const char *password, Text
 
 // Formats and runs an upsert of the stored key; the statement text is wiped
 // afterwards because it holds the key.
-int upsert(Session &session, const char *format, ...) MFADB_PRINTF(2, 3);
-
+MFADB_PRINTF(2, 3)
 int upsert(Session &session, const char *format, ...) {
   char sql[kUpsertSize];
   va_list args;

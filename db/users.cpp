@@ -2,7 +2,6 @@
 
 #include <cctype>
 #include <cstdarg>
-#include <cstdlib>
 #include <string>
 
 #include "base/textutils.h"
@@ -16,8 +15,8 @@ using UserRecord = Owned<userData, destroyUserData>;
 using UserFactor = Owned<MFAAdminFactorData, destroyMFAAdminFactorData>;
 using Connection = Owned<orlinClientUserData, destroyOrlinClientUserData>;
 
-// The single-column setters and counters have always built their statement
-// in 512 bytes.
+// The single-column setters and counters build their statements in 512
+// bytes, as they always have.
 constexpr std::size_t kSetterSize = 512;
 
 constexpr Failure kReadFailed{QN_DB_SELECT_FAILED, "select failed: %s\n", Reason::Result};
@@ -27,9 +26,7 @@ constexpr Failure kSuspendFailed{QN_DB_UPDATE_FAILED, "User suspend update faile
 constexpr Failure kIncrementFailed{QN_DB_UPDATE_FAILED, "User failcount update failed: %s \n",
                                    Reason::Result};
 
-int execSetter(Session &session, Expect expect, const Failure &failure, const char *format, ...)
-    MFADB_PRINTF(4, 5);
-
+MFADB_PRINTF(4, 5)
 int execSetter(Session &session, Expect expect, const Failure &failure, const char *format, ...) {
   char sql[kSetterSize];
   va_list args;
@@ -37,6 +34,24 @@ int execSetter(Session &session, Expect expect, const Failure &failure, const ch
   int status = formatStatementV(session, sql, sizeof sql, format, args);
   va_end(args);
   return status != 0 ? status : session.execParams(sql, expect, failure);
+}
+
+// Connects and runs a one-column update by uid; format takes the value, then
+// the escaped uid.
+int setByUid(Session &session, const char *unixuid, const Failure &failure, const char *format,
+             int value) {
+  Escaped uid;
+  if (int status = session.connect({{uid, unixuid}}))
+    return status;
+  return execSetter(session, Expect::Command, failure, format, value, uid.get());
+}
+
+// The same by id; format takes the value, then the id.
+int setById(dbctx *context, const Failure &failure, const char *format, int value, int userid) {
+  Session session(context);
+  if (int status = session.connect())
+    return status;
+  return execSetter(session, Expect::Command, failure, format, value, userid);
 }
 
 // The first column of the first row of a select by escaped uid ($1).
@@ -289,22 +304,14 @@ int qn_db_userUpdateById(dbctx *context, int userid, int passwordFallback, int s
 
 int qn_db_userSetFallback(dbctx *context, const char *unixuid, int fallback) {
   Session session(context);
-  Escaped uid;
-  if (int status = session.connect({{uid, unixuid}}))
-    return status;
-  return execSetter(session, Expect::Command,
-                    {QN_DB_UPDATE_FAILED, "update failed: %s\n", Reason::Result},
-                    "update qmx_user set passwordfallback=%d where unixuid='%s'", fallback,
-                    uid.get());
+  return setByUid(session, unixuid, {QN_DB_UPDATE_FAILED, "update failed: %s\n", Reason::Result},
+                  "update qmx_user set passwordfallback=%d where unixuid='%s'", fallback);
 }
 
 int qn_db_userSetFallbackById(dbctx *context, int userid, int fallback) {
-  Session session(context);
-  if (int status = session.connect())
-    return status;
-  return execSetter(session, Expect::Command,
-                    {QN_DB_UPDATE_FAILED, "User fallback update failed: %s\n", Reason::Result},
-                    "update qmx_user set passwordfallback=%d where userid=%d", fallback, userid);
+  return setById(context,
+                 {QN_DB_UPDATE_FAILED, "User fallback update failed: %s\n", Reason::Result},
+                 "update qmx_user set passwordfallback=%d where userid=%d", fallback, userid);
 }
 
 int qn_db_userSetSSOIdById(dbctx *context, int userid, const char *ssoid) {
@@ -319,29 +326,20 @@ int qn_db_userSetSSOIdById(dbctx *context, int userid, const char *ssoid) {
 
 int qn_db_userSetSuspended(dbctx *context, const char *unixuid, int suspended) {
   Session session(context);
-  Escaped uid;
-  if (int status = session.connect({{uid, unixuid}}))
-    return status;
-  return execSetter(session, Expect::Command, kSuspendFailed,
-                    "update qmx_user set suspended=%d where unixuid='%s'", suspended, uid.get());
+  return setByUid(session, unixuid, kSuspendFailed,
+                  "update qmx_user set suspended=%d where unixuid='%s'", suspended);
 }
 
 int qn_db_userSetSuspendedById(dbctx *context, int userid, int suspended) {
-  Session session(context);
-  if (int status = session.connect())
-    return status;
-  return execSetter(session, Expect::Command, kSuspendFailed,
-                    "update qmx_user set suspended=%d where userid=%d", suspended, userid);
+  return setById(context, kSuspendFailed, "update qmx_user set suspended=%d where userid=%d",
+                 suspended, userid);
 }
 
 int qn_db_userSetFailcount(dbctx *context, const char *unixuid, int count) {
   Session session(context);
-  Escaped uid;
-  if (int status = session.connect({{uid, unixuid}}))
-    return status;
-  return execSetter(session, Expect::Command,
-                    {QN_DB_UPDATE_FAILED, "User failcount update failed: %s\n", Reason::Result},
-                    "update qmx_user set ctcfailurecount=%d where unixuid='%s'", count, uid.get());
+  return setByUid(session, unixuid,
+                  {QN_DB_UPDATE_FAILED, "User failcount update failed: %s\n", Reason::Result},
+                  "update qmx_user set ctcfailurecount=%d where unixuid='%s'", count);
 }
 
 int qn_db_userIncrementFailcount(dbctx *context, const char *unixuid, int *count) {
@@ -353,19 +351,11 @@ int qn_db_userIncrementFailcount(dbctx *context, const char *unixuid, int *count
 
 int qn_db_administratorSetSuspended(dbctx *context, const char *unixuid, int suspended) {
   Session session(context);
-  Escaped uid;
-  if (int status = session.connect({{uid, unixuid}}))
-    return status;
-  if (int status = execSetter(session, Expect::Command, kSuspendFailed,
-                              "update QMX_AdminUser set suspended=%d where unixuid='%s'",
-                              suspended, uid.get()))
+  if (int status = setByUid(session, unixuid, kSuspendFailed,
+                            "update QMX_AdminUser set suspended=%d where unixuid='%s'", suspended))
     return status;
   // Only the administrator setter tells an unknown uid apart.
-  if (atoi(PQcmdTuples(session.result())) == 0) {
-    session.report("No users unsuspended.\n");
-    return QN_DB_NOT_FOUND;
-  }
-  return 0;
+  return session.requireChanged("No users unsuspended.\n");
 }
 
 int qn_db_administratorGetSuspended(dbctx *context, const char *unixuid, int *suspended) {
@@ -382,13 +372,10 @@ int qn_db_administratorIncrementFailcount(dbctx *context, const char *unixuid, i
 
 int qn_db_administratorSetFailcount(dbctx *context, const char *unixuid, int count) {
   Session session(context);
-  Escaped uid;
-  if (int status = session.connect({{uid, unixuid}}))
-    return status;
-  return execSetter(
-      session, Expect::Command,
+  return setByUid(
+      session, unixuid,
       {QN_DB_UPDATE_FAILED, "Administrator failcount update failed: %s\n", Reason::Result},
-      "update QMX_AdminUser set failurecount=%d where UnixUid='%s'", count, uid.get());
+      "update QMX_AdminUser set failurecount=%d where UnixUid='%s'", count);
 }
 
 int qn_db_administratorGetFailcount(dbctx *context, const char *unixuid, int *count) {

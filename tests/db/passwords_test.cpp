@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
-#include <functional>
 #include <string>
 
 #include "base/logging.h"
@@ -65,42 +64,35 @@ protected:
 };
 
 TEST_P(PasswordsTest, SaveThenVerify) {
-  const struct {
-    std::function<int(dbctx *)> call;
-    int status;
-    const char *message; // a piece of the output; "" for none at all
-  } steps[] = {
-      {[](dbctx *c) { return qn_db_userPasswordSave(c, "bob", "correct horse"); }, 0, ""},
-      {[](dbctx *c) { return qn_db_userPasswordVerify(c, "bob", "correct horse"); }, 0, ""},
-      {[](dbctx *c) { return qn_db_userPasswordVerify(c, "BOB", "correct horse"); }, 0, ""},
-      // A mismatch is logged below the level the component shows.
-      {[](dbctx *c) { return qn_db_userPasswordVerify(c, "bob", "correct horsf"); }, 80111, ""},
-      {[](dbctx *c) { return qn_db_userPasswordVerify(c, "bob", ""); }, 80106,
-       "MFADB:Attempted user password validation with an empty user id or password\n"},
-      {[](dbctx *c) { return qn_db_userPasswordVerify(c, "", "x"); }, 80106, "Attempted"},
-      {[](dbctx *c) { return qn_db_userPasswordVerify(c, "bob", nullptr); }, 80106, "Attempted"},
-      {[](dbctx *c) { return qn_db_userPasswordVerify(c, "carol", "x"); }, 80105,
-       "MFADB:Failed to retrieve user password hash data (user id:carol)\n"},
-      {[](dbctx *c) { return qn_db_userPasswordSaveById(c, 3, kOdd); }, 0, ""},
-      {[](dbctx *c) { return qn_db_userPasswordVerify(c, "Carol", kOdd); }, 0, ""},
-      // The quoted save matches o'hara; the lookup is sent the escaped uid.
-      {[](dbctx *c) { return qn_db_userPasswordSave(c, "o'hara", "x"); }, 0, ""},
-      {[](dbctx *c) { return qn_db_userPasswordVerify(c, "o'hara", "x"); }, 80105,
-       "(user id:o''hara)"},
-      // Saving by uid does not fold it: nothing matches.
-      {[](dbctx *c) { return qn_db_userPasswordSave(c, "BOB", "other"); }, 0, ""},
-      {[](dbctx *c) { return qn_db_userPasswordSaveById(c, 99, "x"); }, 80104,
-       "MFADB:insert failed: "},
-      {[](dbctx *c) { return qn_db_userPasswordSave(c, "bob", ""); }, 7770001,
-       "MFADB:Error while hashing user password: 7770001\n"},
-      {[](dbctx *c) { return qn_db_userPasswordSave(c, "bob", nullptr); }, 7770001, "hashing"},
+  auto save = [&](const char *uid, const char *password) {
+    return mfatest::writes([=, this] { return qn_db_userPasswordSave(ctx, uid, password); });
   };
-  for (const auto &step : steps) {
-    auto [status, out] = mfatest::statusAndOutput([&] { return step.call(ctx); });
-    EXPECT_EQ(status, step.status) << step.message;
-    EXPECT_TRUE(*step.message != '\0' || out.empty()) << out;
-    EXPECT_NE(out.find(step.message), std::string::npos) << out;
-  }
+  auto verify = [&](const char *uid, const char *password) {
+    return mfatest::writes([=, this] { return qn_db_userPasswordVerify(ctx, uid, password); });
+  };
+  const std::string empty =
+      "MFADB:Attempted user password validation with an empty user id or password\n";
+  const std::string missing = "MFADB:Failed to retrieve user password hash data (user id:";
+  const std::string unhashed = "MFADB:Error while hashing user password: 7770001\n";
+  mfatest::runSteps({
+      {"saved", save("bob", "correct horse"), 0, "", ""},
+      {"verified", verify("bob", "correct horse"), 0, "", ""},
+      {"a uid in capitals is folded", verify("BOB", "correct horse"), 0, "", ""},
+      {"a mismatch is logged below the level shown", verify("bob", "correct horsf"), 80111, "", ""},
+      {"empty password", verify("bob", ""), 80106, "", empty},
+      {"empty uid", verify("", "x"), 80106, "", empty},
+      {"null password", verify("bob", nullptr), 80106, "", empty},
+      {"nothing stored", verify("carol", "x"), 80105, "", missing + "carol)\n"},
+      {"saved by id", mfatest::writes([this] { return qn_db_userPasswordSaveById(ctx, 3, kOdd); }),
+       0, "", ""},
+      {"verified by uid", verify("Carol", kOdd), 0, "", ""},
+      {"a quoted save matches o'hara", save("o'hara", "x"), 0, "", ""},
+      {"the lookup is sent the escaped uid", verify("o'hara", "x"), 80105, "",
+       missing + "o''hara)\n"},
+      {"saving does not fold the uid", save("BOB", "other"), 0, "", ""},
+      {"an empty password is not hashed", save("bob", ""), 7770001, "", unhashed},
+      {"nor a null one", save("bob", nullptr), 7770001, "", unhashed},
+  });
   Rows rows = stored();
   ASSERT_EQ(rows.size(), 3u);
   // Every row verifies with OpenSSL's PBKDF2 as well.
@@ -109,7 +101,6 @@ TEST_P(PasswordsTest, SaveThenVerify) {
     EXPECT_EQ(rows[i][2] + rows[i][4], std::to_string(kIterations) + "1");
     EXPECT_EQ(rows[i][1], opensslKey(passwords[i], rows[i][3], kIterations));
   }
-
   // Saving again replaces the one row with a new salt.
   ASSERT_EQ(qn_db_userPasswordSaveById(ctx, 1, "second"), 0);
   Rows again = stored();
@@ -124,37 +115,41 @@ TEST_P(PasswordsTest, StoredRowsFromElsewhere) {
   const std::string salt = "c2FsdCBmcm9tIGVsc2V3aGVyZQ==";
   sql("insert into qmx_usermfapassword(userid, passwordhash, iterationcount, salt) values(1, '" +
       opensslKey(kOdd, salt, 7) + "', 7, '" + salt + "')");
-  EXPECT_EQ(qn_db_userPasswordVerify(ctx, "bob", kOdd), 0);
-  logSetLevel(ctx->logContext, MFADB_COMPONENT_ID, 3);
-  std::string out =
-      mfatest::captureStdout([&] { EXPECT_EQ(qn_db_userPasswordVerify(ctx, "bob", "x"), 80111); });
-  logSetLevel(ctx->logContext, MFADB_COMPONENT_ID, MFADB_COMPONENT_LEVEL);
-  EXPECT_EQ(out.substr(out.find("MFADB:")), "MFADB:Password match failed\n");
-
-  const struct {
-    const char *update;
-    const char *message;
-  } broken[] = {
-      {"passwordhash='not base64!'", "MFADB:Error during pwhash base64 decode: -1\n"},
-      {"passwordhash='aGFzaA==', salt='abc'", "MFADB:Error during salt base64 decode: -1\n"},
+  // Verification after a change to the row.
+  auto verifyAfter = [&](std::string update, const char *password) {
+    return mfatest::writes([=, this] {
+      if (!update.empty())
+        sql("update qmx_usermfapassword set " + update);
+      return qn_db_userPasswordVerify(ctx, "bob", password);
+    });
   };
-  for (const auto &b : broken) {
-    sql(std::string("update qmx_usermfapassword set ") + b.update);
-    out = mfatest::captureStdout(
-        [&] { EXPECT_EQ(qn_db_userPasswordVerify(ctx, "bob", kOdd), 80120); });
-    EXPECT_NE(out.find(b.message), std::string::npos) << out;
-  }
-
-  // Without a hashing context nothing is attempted.
+  auto level = [&](int level) {
+    return mfatest::writes([=, this] {
+      logSetLevel(ctx->logContext, MFADB_COMPONENT_ID, level);
+      return 0;
+    });
+  };
   qn_pwhash_ctx *hashing = ctx->pwhashContext;
-  ctx->pwhashContext = nullptr;
-  for (auto call : {+[](dbctx *c) { return qn_db_userPasswordSave(c, "bob", "x"); },
-                    +[](dbctx *c) { return qn_db_userPasswordSaveById(c, 1, "x"); },
-                    +[](dbctx *c) { return qn_db_userPasswordVerify(c, "bob", "x"); }}) {
-    out = mfatest::captureStdout([&] { EXPECT_EQ(call(ctx), 80110); });
-    EXPECT_EQ(out.substr(out.find("MFADB:")),
-              "MFADB:pwhash context not initialized, cannot proceed with password hashing.");
-  }
+  const std::string unavailable =
+      "MFADB:pwhash context not initialized, cannot proceed with password hashing.";
+  mfatest::runSteps({
+      {"the stored count governs", verifyAfter("", kOdd), 0, "", ""},
+      {"more logging", level(3), 0, "", ""},
+      {"shows the mismatch", verifyAfter("", "x"), 80111, "", "MFADB:Password match failed\n"},
+      {"logging as configured", level(MFADB_COMPONENT_LEVEL), 0, "", ""},
+      {"a key that is no base64", verifyAfter("passwordhash='not base64!'", kOdd), 80120, "",
+       "MFADB:Error during pwhash base64 decode: -1\n"},
+      {"a salt that is no base64", verifyAfter("passwordhash='aGFzaA==', salt='abc'", kOdd), 80120,
+       "", "MFADB:Error during salt base64 decode: -1\n"},
+      {"without a hashing context",
+       mfatest::writes([this] { return ctx->pwhashContext = nullptr, 0; }), 0, "", ""},
+      {"nothing is saved",
+       mfatest::writes([this] { return qn_db_userPasswordSave(ctx, "bob", "x"); }), 80110, "",
+       unavailable},
+      {"by id either", mfatest::writes([this] { return qn_db_userPasswordSaveById(ctx, 1, "x"); }),
+       80110, "", unavailable},
+      {"nor verified", verifyAfter("", "x"), 80110, "", unavailable},
+  });
   ctx->pwhashContext = hashing;
   EXPECT_EQ(value("select passwordhash from qmx_usermfapassword"), "aGFzaA==");
 }
