@@ -78,7 +78,7 @@ protected:
         "insert into qmx_userorlinclient(userid, clientid, remoteuserid, remoteuserstatus)"
         "  values(1, 2, 'bob', 0), (1, 1, 'root', 1), (1, 2, 'bobby', 6);");
   }
-  // "users links": the rows a removal clears, per table.
+  // "<users> <policy links><factor links><passwords><profiles>".
   std::string userRows() {
     return value("select (select count(*) from qmx_user) || ' ' || (select count(*) from "
                  "qmx_userpolicy) || (select count(*) from qmx_userfactor) || (select count(*) "
@@ -90,11 +90,12 @@ TEST_F(UsersTest, AddFoldsUidsAndRefusesBlanksAndDuplicates) {
   const struct {
     const char *uid, *name, *sso;
     int status;
-    const char *result; // "uid|name|sso" as stored, or what is printed
+    const char *result; // "uid|name|sso" stored with fallback 1, or what is printed
   } cases[] = {
       {"Bob.Smith", "Bob", "sso-1", 0, "bob.smith|Bob|sso-1"},
       {"ÜBER", "x'); drop table qmx_user;--", nullptr, 0, "Über|x'); drop table qmx_user;--|-"},
-      {"O'Hara\\x", "Zoë \\ O'Hara", "s'o", 0, "o'hara\\x|Zoë \\ O'Hara|s'o"},
+      {"O'Hara\\');delete/**/from/**/qmx_user;--", "Zoë \\ O'Hara", "s'o", 0,
+       "o'hara\\');delete/**/from/**/qmx_user;--|Zoë \\ O'Hara|s'o"},
       {"bob smith", "b", nullptr, 80106, "MFADB:No spaces allowed in UserID field.\n"},
       {"tab\tx", "b", nullptr, 80106, "MFADB:No spaces allowed in UserID field.\n"},
       {"BOB.SMITH", "dup", nullptr, 80109, "MFADB:User ID specified already exists.\n"},
