@@ -1,16 +1,18 @@
 // ldapfactor: shows one user's LDAP factor data and, given the word COMMIT,
 // replaces it with the values from the command line.
 #include "base/alloc.h"
+#include "cli/commitguard.h"
 #include "cli/ldapuser.h"
 #include "mfadata/dbctx.h"
 #include "mfadata/factordata.h"
 
 #include <array>
-#include <cstdarg>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <utility>
 
 namespace {
@@ -118,16 +120,6 @@ void printLDAPUser(const ldapuser *user) {
   printf("  SEARCHVAL3: %s\n", shown(user->SEARCHVAL3));
 }
 
-// Standard output is buffered when it is not a terminal; flushing it first
-// keeps the two streams in the order the lines were written.
-__attribute__((format(printf, 1, 2))) void printError(const char *format, ...) {
-  fflush(stdout);
-  va_list values;
-  va_start(values, format);
-  vfprintf(stderr, format, values);
-  va_end(values);
-}
-
 // Puts a fresh copy of value into field, releasing what it held. False when
 // the copy cannot be made.
 bool replaceField(char **field, const char *value) {
@@ -139,32 +131,25 @@ bool replaceField(char **field, const char *value) {
   return true;
 }
 
-} // namespace
-
-int main(int argc, char **argv) {
-  Arguments args;
+// Everything after the grammar: read, overlay, list, and commit when asked.
+// Returns the status to end with and leaves in *outcome what became of a
+// commit.
+int run(const Arguments &args, commitguard_outcome *outcome) {
   auto &[userid, dn, searchVal, searchVal2, searchVal3] = args.values;
-  int status = parse_args(argc, argv, &userid, &dn, &searchVal, &searchVal2, &searchVal3,
-                          &args.factorName, &args.commit);
-  if (status != 0 || userid == nullptr) {
-    usage(argc > 0 ? argv[0] : "ldapfactor");
-    return status;
-  }
-
-  status = qn_db_createDBCtx(&keptContext, nullptr, nullptr);
+  int status = qn_db_createDBCtx(&keptContext, nullptr, nullptr);
   if (status != 0) {
-    printError("Error: Failed to create database context: %d.\n", status);
+    commitguard_printError("Error: Failed to create database context: %d.\n", status);
     return status;
   }
 
   ldapuser *record = nullptr;
-  status = ldapuser_retrieveFromKORS(keptContext, kFactorName, userid, &record);
+  const int readStatus = ldapuser_retrieveFromKORS(keptContext, kFactorName, userid, &record);
   if (record != nullptr) {
     printf("Existing %s factor data for user %s:\n", kFactorName, userid);
     printLDAPUser(record);
   } else {
     printf("Unable to get existing %s user data for %s (sts=%d), using defaults.\n", kFactorName,
-           userid, status);
+           userid, readStatus);
     record = reinterpret_cast<ldapuser *>(safeMalloc(sizeof(ldapuser), "ldapuser"));
     if (record == nullptr)
       return LDAPUSER_OUT_OF_MEMORY;
@@ -190,26 +175,67 @@ int main(int argc, char **argv) {
   if (args.commit == 0) {
     printf("Did not attempt to commit %s factor data for %s.\n", kFactorName, userid);
     ldapuser_destroy(record);
-    return status;
+    return readStatus;
   }
 
-  // The commit reports failures through its status only, so the three codes
-  // stay 0; they are printed so that the line has the form of the service's
-  // other error reports.
-  int gavrc = 0;
-  int korsrc = 0;
-  int korsrsn = 0;
-  status =
-      ldapuser_commitToKORS(keptContext, kFactorName, userid, record, 1, &gavrc, &korsrc, &korsrsn);
-  if (status == 0 && gavrc == 0 && korsrc == 0) {
+  if (int refusal = commitguard_check(keptContext, kFactorName, userid, readStatus)) {
+    commitguard_printUnread(kFactorName, userid, refusal);
+    *outcome = COMMITGUARD_REFUSED_UNREAD;
+    ldapuser_destroy(record);
+    return refusal;
+  }
+  uint32_t rowsWritten = 0;
+  status = ldapuser_commitToKORS2(keptContext, kFactorName, userid, record, 1, &rowsWritten);
+  if (status == 0 && rowsWritten == 0) {
+    commitguard_printUndefinedUser(userid);
+    *outcome = COMMITGUARD_REFUSED_NO_USER;
+    ldapuser_destroy(record);
+    return QN_DB_NOT_FOUND;
+  }
+  if (status == 0) {
     printf("Committed %s factor data for %s.\n", kFactorName, userid);
+    *outcome = COMMITGUARD_COMMITTED;
     ldapuser_destroy(record);
     return 0;
   }
+  // The commit reports failures through its status only, so the three codes
+  // stay 0; they are printed so that the line has the form of the service's
+  // other error reports.
+  const int gavrc = 0;
+  const int korsrc = 0;
+  const int korsrsn = 0;
   keptRecord = record;
-  printError("KVTR2406E K_factor error: gavrc=%d, korsrc=%d, korsrsn=0x%x%s (Set user factor "
-             "data, factor=%s, userid=%s, sts=%d)\n",
-             gavrc, korsrc, static_cast<unsigned>(korsrsn),
-             kfactor_describe_rc(gavrc, korsrc, korsrsn, status), kFactorName, userid, status);
+  commitguard_printError("KVTR2406E K_factor error: gavrc=%d, korsrc=%d, korsrsn=0x%x%s (Set user "
+                         "factor data, factor=%s, userid=%s, sts=%d)\n",
+                         gavrc, korsrc, static_cast<unsigned>(korsrsn),
+                         kfactor_describe_rc(gavrc, korsrc, korsrsn, status), kFactorName, userid,
+                         status);
   return status;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  // A reader that went away makes writes fail instead of ending the process,
+  // so a commit is never cut off before its audit record; the failed output
+  // is reported at the end like a full disk.
+  signal(SIGPIPE, SIG_IGN);
+  Arguments args;
+  auto &[userid, dn, searchVal, searchVal2, searchVal3] = args.values;
+  int status = parse_args(argc, argv, &userid, &dn, &searchVal, &searchVal2, &searchVal3,
+                          &args.factorName, &args.commit);
+  if (status != 0 || userid == nullptr) {
+    usage(argc > 0 ? argv[0] : "ldapfactor");
+    return commitguard_finishOutput(status, "nothing was committed");
+  }
+
+  commitguard_outcome outcome = COMMITGUARD_FAILED;
+  status = run(args, &outcome);
+  if (args.commit != 0)
+    commitguard_audit("ldapfactor", kFactorName, userid, &args.values[1], outcome, status);
+  const std::string summary =
+      outcome == COMMITGUARD_COMMITTED
+          ? std::string(kFactorName) + " factor data for " + userid + " was committed"
+          : "nothing was committed";
+  return commitguard_finishOutput(status, summary.c_str());
 }

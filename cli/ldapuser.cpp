@@ -218,11 +218,17 @@ int ldapuser_convertToFactorData(const char *factorName, const char *userid, lda
 int ldapuser_commitToKORS(dbctx *context, const char *factorName, const char *userid,
                           ldapuser *user, int setCurrent, int * /* gavrc */, int * /* korsrc */,
                           int * /* korsrsn */) {
+  uint32_t rowsWritten = 0;
+  return ldapuser_commitToKORS2(context, factorName, userid, user, setCurrent, &rowsWritten);
+}
+
+int ldapuser_commitToKORS2(dbctx *context, const char *factorName, const char *userid,
+                           ldapuser *user, int setCurrent, uint32_t *rowsWritten) {
   factorData *data = nullptr;
   int status = ldapuser_convertToFactorData(factorName, userid, user, setCurrent, &data);
   if (status != 0)
     return status;
-  status = kfactor_update_UserFactorData(context, userid, data);
+  status = kfactor_update_UserFactorData2(context, userid, data, rowsWritten);
   if (status != 0) {
     printErrorPrefix(factorName);
     printf("Error setting LDAP factor data (sts=%d)\n", status);

@@ -73,6 +73,12 @@ void ldapuser_destroy(ldapuser *user);
 int ldapuser_commitToKORS(dbctx *context, const char *factorName, const char *userid,
                           ldapuser *user, int setCurrent, int *gavrc, int *korsrc, int *korsrsn);
 
+// ldapuser_commitToKORS that also stores in *rowsWritten, on success, how
+// many rows the write changed: 0 when the user or the factor is not defined.
+// A null rowsWritten makes the write fail with 80106.
+int ldapuser_commitToKORS2(dbctx *context, const char *factorName, const char *userid,
+                           ldapuser *user, int setCurrent, uint32_t *rowsWritten);
+
 // Builds factor data from the record: tags DN, SEARCHVAL, SEARCHVAL2 and
 // SEARCHVAL3 for the fields present, then LASTSEARCH always. Returns 0 and
 // stores factor data that the caller releases with kfactor_factorData_destroy;

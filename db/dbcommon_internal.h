@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstddef>
+#include <cstdlib>
 #include <initializer_list>
 #include <memory>
 #include <utility>
@@ -156,6 +157,8 @@ public:
 
   PGresult *result() const { return result_.get(); }
   int rows() const { return PQntuples(result()); }
+  // Rows the last INSERT, UPDATE or DELETE wrote (0 for other statements).
+  int rowsAffected() const { return atoi(PQcmdTuples(result())); }
   const char *text(int row, int column) const { return PQgetvalue(result(), row, column); }
   int integer(int row, int column) const;
   bool isNull(int row, int column) const { return PQgetisnull(result(), row, column) != 0; }

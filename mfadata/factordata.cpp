@@ -92,6 +92,17 @@ bool matches(int wanted, int actual) {
   return wanted == -1 || wanted == actual;
 }
 
+// One factor of the user: its stored tags (column 0) and active flag
+// (column 1), no row when the user has no such factor.
+int selectUserFactor(Session &session, const char *userid, const char *factorName) {
+  return session.execParams(
+      "select qmx_userfactor.factortags,qmx_userfactor.isactive from qmx_user,qmx_factor,"
+      "qmx_userfactor where qmx_factor.factorid=qmx_userfactor.factorid and "
+      "qmx_userfactor.userid=qmx_user.userid and qmx_user.unixuid=$1 and "
+      "qmx_factor.factorname=$2",
+      Expect::Tuples, kServiceSelectFailed, {userid, factorName});
+}
+
 void setTriple(int *gavrc, int *korsrc, int *korsrsn, int g, int k, int r) {
   *gavrc = g;
   *korsrc = k;
@@ -188,12 +199,7 @@ int kfactor_get_UserFactorData(dbctx *context, const char *userid, const char *f
   Session session(context, Reporter::Stdout);
   if (int status = session.connect())
     return status;
-  if (session.execParams("select qmx_userfactor.factortags,qmx_userfactor.isactive from "
-                         "qmx_user,qmx_factor,qmx_userfactor where "
-                         "qmx_factor.factorid=qmx_userfactor.factorid and "
-                         "qmx_userfactor.userid=qmx_user.userid and qmx_user.unixuid=$1 and "
-                         "qmx_factor.factorname=$2",
-                         Expect::Tuples, kServiceSelectFailed, {userid, factorName}) != 0)
+  if (selectUserFactor(session, userid, factorName) != 0)
     return 0; // reported; the caller gets no factor data
   if (session.rows() == 0) {
     session.report("no factors, aborting?\n");
@@ -206,8 +212,34 @@ int kfactor_get_UserFactorData(dbctx *context, const char *userid, const char *f
   return 0;
 }
 
+int kfactor_get_UserFactorTagsText(dbctx *context, const char *userid, const char *factorName,
+                                   char **text) {
+  if (userid == nullptr || factorName == nullptr || text == nullptr)
+    return QN_DB_BAD_PARAMETERS;
+  Session session(context, Reporter::Stdout);
+  if (int status = session.connect())
+    return status;
+  if (int status = selectUserFactor(session, userid, factorName))
+    return status;
+  if (session.rows() == 0)
+    return QN_DB_NOT_FOUND;
+  char *copy = nullptr;
+  if (!session.copyTo(&copy, 0, 0) || copy == nullptr)
+    return MFADATA_OUT_OF_MEMORY;
+  *text = copy;
+  return 0;
+}
+
 int kfactor_update_UserFactorData(dbctx *context, const char *userid, factorData *data) {
-  if (userid == nullptr || data == nullptr || data->factorName == nullptr)
+  // A user or factor that matches no row writes nothing, and that is success
+  // here; callers that must know use the counting variant.
+  uint32_t rowsWritten = 0;
+  return kfactor_update_UserFactorData2(context, userid, data, &rowsWritten);
+}
+
+int kfactor_update_UserFactorData2(dbctx *context, const char *userid, factorData *data,
+                                   uint32_t *rowsWritten) {
+  if (userid == nullptr || data == nullptr || data->factorName == nullptr || rowsWritten == nullptr)
     return QN_DB_BAD_PARAMETERS;
   char *json = nullptr;
   if (data->tags != nullptr) {
@@ -226,13 +258,16 @@ int kfactor_update_UserFactorData(dbctx *context, const char *userid, factorData
   snprintf(active, sizeof active, "%d", static_cast<int>(data->activeFlag));
   // Every value travels as a parameter, so quotes in tags, user ID or factor
   // name are stored as they are and can never change the statement.
-  return session.execParams(
-      "insert into qmx_userfactor(userid, factorid, factortags,isactive) select "
-      "au.userid,af.factorid,$1::text,$2::integer from qmx_user au,qmx_factor af where "
-      "au.unixuid=$3 and af.factorname=$4 on conflict on constraint "
-      "qmx_userfactor_factorid_userid_key do update set factortags=$1::text,isactive=$2::integer",
-      Expect::Command, {QN_DB_UPDATE_FAILED, "update failed: %s", Reason::Result},
-      {json != nullptr ? json : "{}", active, userid, data->factorName});
+  if (int status = session.execParams(
+          "insert into qmx_userfactor(userid, factorid, factortags,isactive) select "
+          "au.userid,af.factorid,$1::text,$2::integer from qmx_user au,qmx_factor af where "
+          "au.unixuid=$3 and af.factorname=$4 on conflict on constraint "
+          "qmx_userfactor_factorid_userid_key do update set factortags=$1::text,isactive=$2::integer",
+          Expect::Command, {QN_DB_UPDATE_FAILED, "update failed: %s", Reason::Result},
+          {json != nullptr ? json : "{}", active, userid, data->factorName}))
+    return status;
+  *rowsWritten = static_cast<uint32_t>(session.rowsAffected());
+  return 0;
 }
 
 int kfactor_get_factorwide_settings(dbctx *context, const char *factorName, char *buffer,

@@ -31,10 +31,23 @@ int pq_userMFAData_checkSatisfiable(struct userMFAData *data);
 int kfactor_get_UserFactorData(dbctx *context, const char *userid, const char *factorName,
                                struct factorData **result);
 
+// Reads the tag text stored for one factor of the user, exactly as stored,
+// for callers that must know whether it reads whole. Returns 0 and a copy in
+// *text (release with freeString); 80105 when the user has no such factor,
+// 80101, 80102, 80106 for a missing argument. Prints only failures.
+int kfactor_get_UserFactorTagsText(dbctx *context, const char *userid, const char *factorName,
+                                   char **text);
+
 // Writes the factor's tags and active flag for the user in one upsert.
 // Returns 0 (also when the user or factor does not exist), 80101, 80106 for a
 // missing argument, 80107, or the status of building the tag text.
 int kfactor_update_UserFactorData(dbctx *context, const char *userid, struct factorData *data);
+
+// kfactor_update_UserFactorData that also stores in *rowsWritten, on
+// success, how many rows the upsert wrote: 0 when the user or the factor
+// does not exist. A null rowsWritten is a missing argument (80106).
+int kfactor_update_UserFactorData2(dbctx *context, const char *userid, struct factorData *data,
+                                   uint32_t *rowsWritten);
 
 // Copies the factor's settings text (no terminator) into buffer; *length is
 // the capacity on entry and the text's length on exit. A buffer that is too

@@ -95,6 +95,18 @@ uint64_t documentBound(const factorTag *first) {
   return bound;
 }
 
+constexpr int kStoredHeapSize = 65536;
+
+// The stored text's object, parsed into heap; null when the text does not
+// parse or is not an object. Why it did not parse is of no use to the
+// callers: such a text has no tags.
+JsonObject *parseStored(ShortLivedHeap *heap, const char *json) {
+  size_t length = strlen(json);
+  char error[128];
+  return jsonAsObject(jsonParseUnterminatedString(
+      heap, json, length > INT_MAX ? INT_MAX : static_cast<int>(length), error, sizeof(error)));
+}
+
 } // namespace
 
 extern "C" {
@@ -104,23 +116,32 @@ void createFactorTags(const char *json, factorData *data, uint32_t *count) {
     return;
   data->tags = nullptr;
   *count = 0;
-  mfadata::HeapPtr heap(makeShortLivedHeap(65536, 8));
+  mfadata::HeapPtr heap(makeShortLivedHeap(kStoredHeapSize, 8));
   if (json == nullptr || heap == nullptr)
     return;
-  size_t length = strlen(json);
-  // The reason a text did not parse is of no use here: such a text has no tags.
-  char error[128];
-  Json *root = jsonParseUnterminatedString(heap.get(), json,
-                                           length > INT_MAX ? INT_MAX : static_cast<int>(length),
-                                           error, sizeof(error));
   TagListBuilder list;
-  for (JsonProperty *property = jsonObjectGetFirstProperty(jsonAsObject(root)); property != nullptr;
-       property = jsonObjectGetNextProperty(property)) {
+  for (JsonProperty *property = jsonObjectGetFirstProperty(parseStored(heap.get(), json));
+       property != nullptr; property = jsonObjectGetNextProperty(property)) {
     if (!appendStoredTag(list, property))
       return;
   }
   *count = list.count();
   data->tags = list.release();
+}
+
+int isStoredFactorJson(const char *json) {
+  mfadata::HeapPtr heap(makeShortLivedHeap(kStoredHeapSize, 8));
+  if (json == nullptr || heap == nullptr)
+    return 0;
+  JsonObject *object = parseStored(heap.get(), json);
+  if (object == nullptr)
+    return 0;
+  for (JsonProperty *property = jsonObjectGetFirstProperty(object); property != nullptr;
+       property = jsonObjectGetNextProperty(property)) {
+    if (!jsonIsString(jsonPropertyGetValue(property)))
+      return 0;
+  }
+  return 1;
 }
 
 void createFactorTagsUI(JsonArray *fields, factorTag **firstTag, uint32_t *count) {

@@ -23,6 +23,12 @@ extern "C" {
 // a string gives a tag without a value. The previous list is not released.
 void createFactorTags(const char *json, factorData *data, uint32_t *count);
 
+// 1 when the text is the stored shape whole: a JSON object whose values are
+// all strings, so that createFactorTags reads every tag with its value.
+// 0 otherwise (a text that does not parse, another JSON value, a value that
+// is not a string), and when memory is short.
+int isStoredFactorJson(const char *json);
+
 // Builds tags from the interface shape: each element an object with the
 // string "fieldName" and a string or number "fieldValue" (a number becomes its
 // decimal text). *firstTag receives the list, *count the array's count.

@@ -8,7 +8,14 @@
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 
+#include <fcntl.h>
+#include <pwd.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +23,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <regex>
 
 namespace {
@@ -39,22 +47,50 @@ std::string unable(const std::string &user, int status) {
 std::string noFactors(const std::string &user) {
   return "No factors returned for user " + user + "\n" + unable(user, 69802);
 }
+std::string pendingOnly(const std::string &user, const Values &v) {
+  return block("Pending QMXLDAP1 tag data for user ", user, v);
+}
 // What follows the existing data: the pending data and whether it was committed.
 std::string pending(const std::string &user, const Values &v, bool committed = false) {
-  return block("Pending QMXLDAP1 tag data for user ", user, v) +
+  return pendingOnly(user, v) +
          (committed ? "Committed QMXLDAP1 factor data for " + user + ".\n"
                     : "Did not attempt to commit QMXLDAP1 factor data for " + user + ".\n");
 }
+std::string refused(const std::string &user, int status) {
+  return "KVTR2407E Existing QMXLDAP1 factor data for " + user +
+         " could not be read (sts=" + std::to_string(status) + "); nothing was committed.\n";
+}
+
+// What libpq says when the server's socket directory does not exist.
+std::string noServer(const std::string &host) {
+  PGconn *probe = PQconnectdb(("dbname=mfadb port=5432 host=" + host).c_str());
+  const std::string text = std::string("Connection to database failed: ") + PQerrorMessage(probe);
+  PQfinish(probe);
+  EXPECT_NE(text.find(host), std::string::npos) << text;
+  return text;
+}
+const std::string kNoHost = "/nonexistent/mfa";
 
 using Environment = std::vector<std::pair<std::string, std::string>>;
+const Environment kDown = {{"PGHOST", kNoHost}, {"PGPORT", "5432"}};
 
 const std::string kTool = MFA_BINARY_DIR "/bin/ldapfactor";
+
+// Where the tool's standard output goes.
+enum class Sink { Captured, Full, ClosedPipe };
 
 struct Row {
   std::vector<std::string> args;
   std::string out; // time stamps masked as "<stamp> "
   int status;      // exit status, or 128 + signal
   std::string err = "";
+  Environment env = {}; // overrides of the test's environment
+  Sink sink = Sink::Captured;
+};
+
+struct Ran {
+  int status;
+  std::string out, err;
 };
 
 std::string readBack(int fd) {
@@ -68,12 +104,15 @@ std::string readBack(int fd) {
   return std::regex_replace(text, stamp, "<stamp> ");
 }
 
-// Runs the tool with the row's arguments and the test's environment with
-// overrides set, and compares what it wrote and its exit status with the row.
-// The shell puts the words of MFA_LDAPFACTOR_WRAPPER, when set, in front of
-// the tool (the valgrind runs use it).
-void expectRun(const Row &row, const Environment &overrides = {}) {
-  SCOPED_TRACE(testing::PrintToString(row.args));
+// Runs in the child before the tool starts; a non-empty answer is why the
+// child could not be made ready, and the tool is not started.
+using Prepare = std::function<std::string()>;
+const std::string kNotPrepared = "not prepared: ";
+
+// Runs the tool with the row's arguments, environment and output. The shell
+// puts the words of MFA_LDAPFACTOR_WRAPPER, when set, in front of the tool
+// (the valgrind runs use it).
+Ran runTool(const Row &row, const Prepare &prepare = {}) {
   std::vector<std::string> words = {"/bin/sh", "-c", R"(exec $MFA_LDAPFACTOR_WRAPPER "$0" "$@")",
                                     kTool};
   words.insert(words.end(), row.args.begin(), row.args.end());
@@ -84,20 +123,43 @@ void expectRun(const Row &row, const Environment &overrides = {}) {
 
   const int out = memfd_create("stdout", 0);
   const int err = memfd_create("stderr", 0);
+  int pipeEnds[2] = {-1, -1};
+  if (row.sink == Sink::ClosedPipe && pipe(pipeEnds) == 0)
+    close(pipeEnds[0]); // nobody will ever read
   const pid_t child = fork();
   if (child == 0) {
-    for (const auto &[name, value] : overrides)
+    for (const auto &[name, value] : row.env)
       setenv(name.c_str(), value.c_str(), 1);
-    dup2(out, STDOUT_FILENO);
+    if (prepare) {
+      if (std::string why = prepare(); !why.empty()) {
+        why = kNotPrepared + why;
+        (void)!write(err, why.data(), why.size());
+        _exit(127);
+      }
+    }
+    int sink = row.sink == Sink::Full ? open("/dev/full", O_WRONLY)
+               : row.sink == Sink::ClosedPipe ? pipeEnds[1]
+                                              : out;
+    dup2(sink, STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
     execv(argv[0], argv.data());
     _exit(127);
   }
+  if (pipeEnds[1] >= 0)
+    close(pipeEnds[1]);
   int wstatus = 0;
-  ASSERT_EQ(waitpid(child, &wstatus, 0), child) << strerror(errno);
-  EXPECT_EQ(WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus), row.status);
-  EXPECT_EQ(readBack(out), row.out);
-  EXPECT_EQ(readBack(err), row.err);
+  EXPECT_EQ(waitpid(child, &wstatus, 0), child) << strerror(errno);
+  return {WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus), readBack(out),
+          readBack(err)};
+}
+
+// Runs the row and compares what the tool wrote and its exit status with it.
+void expectRun(const Row &row) {
+  SCOPED_TRACE(testing::PrintToString(row.args));
+  const Ran ran = runTool(row);
+  EXPECT_EQ(ran.status, row.status);
+  EXPECT_EQ(ran.out, row.out);
+  EXPECT_EQ(ran.err, row.err);
 }
 
 TEST(LdapFactorGrammar, UsageWithoutArgumentsOrOnGrammarErrors) {
@@ -117,9 +179,16 @@ const std::vector<std::pair<std::string, std::string>> kStoredTags = {
     {"alice",
      R"({"DN":"cn=alice,dc=example,dc=com","SEARCHVAL":"alice@example.com","LASTSEARCH":"17"})"},
     {"malformed", R"({"DN":)"},
+    {"number", R"({"DN":"a","SEARCHVAL":7})"},
     {"twice", R"({"DN":"a","DN":"b"})"},
     {"unknown", R"({"DN":"a","COLOUR":"blue"})"},
 };
+
+// Login roles that make one step of a run fail: the first may write the
+// factor links but not read their tags, the second may read everything and
+// write nothing.
+const std::string kBlindWriter = "ldapfactor_blind_writer";
+const std::string kReader = "ldapfactor_reader";
 
 // Users with the QMXLDAP1 tags of kStoredTags, and bob and carol without
 // factor data.
@@ -145,6 +214,17 @@ protected:
                  "where u.unixuid = " +
                  mfatest::quoted(userid));
   }
+
+  // Roles outlive the tables' contents, so they are made once per cluster.
+  void addRoles() {
+    for (const std::string &role : {kBlindWriter, kReader})
+      sql("do $$ begin create role " + role +
+          " login; exception when duplicate_object then null; end $$");
+    sql("grant select on all tables in schema public to " + kReader + ";" +
+        "grant select on qmx_user, qmx_factor, qmx_policy, qmx_userpolicy, qmx_policyfactor to " +
+        kBlindWriter + "; grant select (userfactorid, userid, factorid, isactive), insert, " +
+        "update on qmx_userfactor to " + kBlindWriter);
+  }
 };
 
 TEST_F(LdapFactorTool, ShowingWritesNothing) {
@@ -158,6 +238,13 @@ TEST_F(LdapFactorTool, ShowingWritesNothing) {
       {{"malformed"}, existing("malformed", kNothing) + pending("malformed", kNothing), 0},
       {{"twice"}, unable("twice", 69803) + pending("twice", kNothing), 69803 & 0xff},
       {{"unknown"}, unable("unknown", 69803) + pending("unknown", kNothing), 69803 & 0xff},
+      {{"alice"},
+       noServer(kNoHost) +
+           "<stamp> QMXLDAP1:pq_userMFAData_create error (userid=alice,status=80101)\n" +
+           unable("alice", 1200052) + pending("alice", kNothing),
+       1200052 & 0xff,
+       "",
+       kDown},
   };
   for (const Row &row : rows)
     expectRun(row);
@@ -207,6 +294,183 @@ TEST_F(LdapFactorTool, CommittingReplacesTheValuesGiven) {
   expectRun({{"carol"}, existing("carol", unusual) + pending("carol", unusual), 0});
 }
 
+// A commit is refused when the stored data was not read whole, reports a user
+// that is not defined, or fails; none of them changes a stored byte.
+TEST_F(LdapFactorTool, CommitsThatCannotBeTrustedWriteNothing) {
+  addRoles();
+  const mfatest::Rows before = sql("select * from qmx_userfactor order by userfactorid");
+  const Values given = {"cn=new", kNotSet, kNotSet, kNotSet};
+  const std::string readFailed = "<stamp> QMXLDAP1:pq_userMFAData_create error (userid=alice,"
+                                 "status=80102)\n" +
+                                 unable("alice", 1200052);
+  auto refusal = [&](const std::string &user, const std::string &read, int status,
+                     const Environment &env = {}) {
+    return Row{{user, "cn=new", "COMMIT"},
+               read + pendingOnly(user, given),
+               status & 0xff,
+               refused(user, status),
+               env};
+  };
+  auto undefinedUser = [&](const std::string &user) {
+    return Row{{user, "cn=new", "COMMIT"},
+               noFactors(user) + pendingOnly(user, given),
+               80105 & 0xff,
+               "KVTR2408E User " + user + " is not defined to the MFA server; nothing was "
+                                          "committed.\n"};
+  };
+  const std::vector<Row> rows = {
+      refusal("twice", unable("twice", 69803), 69803),
+      refusal("unknown", unable("unknown", 69803), 69803),
+      // Read as holding less than is stored.
+      refusal("malformed", existing("malformed", kNothing), 69803),
+      refusal("number", existing("number", {"a", kNotSet, kNotSet, kNotSet}), 69803),
+      refusal("alice",
+              "SELECT failed: ERROR:  permission denied for table qmx_userfactor\n" + readFailed,
+              1200052, {{"PGUSER", kBlindWriter}}),
+      refusal("alice",
+              noServer(kNoHost) +
+                  "<stamp> QMXLDAP1:pq_userMFAData_create error (userid=alice,status=80101)\n" +
+                  unable("alice", 1200052),
+              1200052, kDown),
+      undefinedUser("nobody"),
+      undefinedUser(""),
+      {{"alice", "cn=new", "COMMIT"},
+       existing("alice", kAlice) + pendingOnly("alice", {"cn=new", kAlice[1], kNotSet, kNotSet}) +
+           "update failed: ERROR:  permission denied for table qmx_userfactor\n"
+           "<stamp> QMXLDAP1:Error setting LDAP factor data (sts=80107)\n",
+       80107 & 0xff,
+       "KVTR2406E K_factor error: gavrc=0, korsrc=0, korsrsn=0x0 (Set user factor data, "
+       "factor=QMXLDAP1, userid=alice, sts=80107)\n",
+       {{"PGUSER", kReader}}},
+  };
+  for (const Row &row : rows)
+    expectRun(row);
+  EXPECT_EQ(sql("select * from qmx_userfactor order by userfactorid"), before);
+
+  // What kept the blind writer from committing was the read: the write
+  // itself goes through.
+  const std::string user = mfatest::serviceVariable("PGUSER");
+  setenv("PGUSER", kBlindWriter.c_str(), 1);
+  ldapuser empty{};
+  uint32_t written = 0;
+  EXPECT_EQ(ldapuser_commitToKORS2(ctx, "QMXLDAP1", "alice", &empty, 1, &written), 0);
+  setenv("PGUSER", user.c_str(), 1);
+  EXPECT_EQ(written, 1u);
+  EXPECT_EQ(storedTags("alice"), R"({"LASTSEARCH":"0"})");
+}
+
+TEST_F(LdapFactorTool, OutputThatIsNotWrittenIsAnError) {
+  auto lost = [](const std::string &reason, const std::string &outcome) {
+    return "KVTR2409E Standard output could not be written (" + reason + "); " + outcome + ".\n";
+  };
+  const std::string full = "No space left on device";
+  const std::vector<Row> rows = {
+      {{}, "", 74, lost(full, "nothing was committed"), {}, Sink::Full},
+      {{"alice"}, "", 74, lost(full, "nothing was committed"), {}, Sink::Full},
+      // A failed run keeps its own status.
+      {{"bob"}, "", 170, lost(full, "nothing was committed"), {}, Sink::Full},
+      {{"alice", "cn=piped", "COMMIT"},
+       "",
+       74,
+       lost("Broken pipe", "QMXLDAP1 factor data for alice was committed"),
+       {},
+       Sink::ClosedPipe},
+  };
+  for (const Row &row : rows)
+    expectRun(row);
+  EXPECT_EQ(storedTags("alice"),
+            R"({"DN":"cn=piped","SEARCHVAL":"alice@example.com","LASTSEARCH":"0"})");
+}
+
+// Makes the datagram socket at socketPath this process's system log: in a
+// private mount namespace /dev gets a writable layer (kept in a tmpfs at
+// layer) in which /dev/log links to the socket.
+std::string logTo(const std::string &socketPath, const std::string &layer) {
+  auto failed = [](const char *step) { return std::string(step) + ": " + strerror(errno); };
+  if (unshare(CLONE_NEWNS) != 0)
+    return failed("unshare");
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    return failed("private mounts");
+  if (mount("tmpfs", layer.c_str(), "tmpfs", 0, nullptr) != 0 ||
+      mkdir((layer + "/upper").c_str(), 0755) != 0 || mkdir((layer + "/work").c_str(), 0755) != 0)
+    return failed("layer");
+  const std::string options =
+      "lowerdir=/dev,upperdir=" + layer + "/upper,workdir=" + layer + "/work";
+  if (mount("overlay", "/dev", "overlay", 0, options.c_str()) != 0)
+    return failed("overlay on /dev");
+  unlink("/dev/log");
+  if (symlink(socketPath.c_str(), "/dev/log") != 0)
+    return failed("/dev/log");
+  return "";
+}
+
+TEST_F(LdapFactorTool, EveryCommitAttemptIsLogged) {
+  addRoles();
+  std::string dir = testing::TempDir() + "ldapfactor-log.XXXXXX";
+  ASSERT_NE(mkdtemp(dir.data()), nullptr) << strerror(errno);
+  const std::string socketPath = dir + "/log";
+  const std::string layer = dir + "/layer";
+  const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  struct Cleanup {
+    const std::string &dir;
+    int log;
+    ~Cleanup() {
+      close(log);
+      for (const char *name : {"/log", "/layer", ""})
+        remove((dir + name).c_str());
+    }
+  } cleanup{dir, log};
+  ASSERT_EQ(mkdir(layer.c_str(), 0755), 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  ASSERT_LT(socketPath.size(), sizeof address.sun_path);
+  strcpy(address.sun_path, socketPath.c_str());
+  ASSERT_EQ(bind(log, reinterpret_cast<sockaddr *>(&address), sizeof address), 0) << strerror(errno);
+
+  // Priority (authpriv with notice or warning) and text; the time stamp and
+  // process ID are masked.
+  const passwd *me = getpwuid(getuid());
+  const std::string head = "ldapfactor[pid]: commit factor=\"QMXLDAP1\" user=";
+  const std::string by =
+      " uid=" + std::to_string(getuid()) + (me ? " osuser=\"" + std::string(me->pw_name) + "\"" : "");
+  struct Logged {
+    std::vector<std::string> args;
+    std::string line; // empty: nothing is logged
+    Environment env = {};
+  };
+  const std::vector<Logged> rows = {
+      {{"alice", "cn=x", "s", "COMMIT"},
+       "<85>" + head + "\"alice\"" + by + " fields=DN,SEARCHVAL outcome=committed"},
+      {{"alice"}, ""},
+      {{"twice", "COMMIT"},
+       "<84>" + head + "\"twice\"" + by +
+           " fields=none outcome=refused reason=\"existing data not read\" status=69803"},
+      // Nothing a user ID holds can end the record or forge a field.
+      {{"ev\"il\n", "", "", "", "", "COMMIT"},
+       "<84>" + head + "\"ev\\x22il\\x0a\"" + by +
+           " fields=DN,SEARCHVAL,SEARCHVAL2,SEARCHVAL3 outcome=refused reason=\"user not "
+           "defined\" status=80105"},
+      {{"alice", "COMMIT"},
+       "<84>" + head + "\"alice\"" + by + " fields=none outcome=failed status=80107",
+       {{"PGUSER", kReader}}},
+  };
+  for (const Logged &row : rows) {
+    SCOPED_TRACE(testing::PrintToString(row.args));
+    const Ran ran =
+        runTool({row.args, "", 0, "", row.env}, [&] { return logTo(socketPath, layer); });
+    if (ran.err.rfind(kNotPrepared, 0) == 0)
+      GTEST_SKIP() << "the system log cannot be replaced without a private mount namespace "
+                      "and an overlay on /dev ("
+                   << ran.err.substr(kNotPrepared.size()) << ")";
+    std::string received;
+    char buffer[2048];
+    for (ssize_t got; (got = recv(log, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;)
+      received.append(buffer, static_cast<size_t>(got));
+    static const std::regex stamp(R"(^(<\d+>)\w{3} [ \d]\d \d{2}:\d{2}:\d{2} ldapfactor\[\d+\])");
+    EXPECT_EQ(std::regex_replace(received, stamp, "$1ldapfactor[pid]"), row.line);
+  }
+}
+
 TEST_F(LdapFactorTool, FieldDescriptionShowsTheStoredValues) {
   auto fields = [&](const char *userid) {
     char *json = nullptr;
@@ -233,30 +497,6 @@ TEST_F(LdapFactorTool, FieldDescriptionShowsTheStoredValues) {
   EXPECT_EQ(fields("nobody"),
             "0:" + std::regex_replace(alice,
                                       std::regex(R"(,"fieldValue":"[^"]*"|"fieldValue":17,)"), ""));
-}
-
-// Reading and committing while no server runs: a socket directory that does
-// not exist.
-TEST(LdapFactorDatabaseDown, ReadingAndCommitting) {
-  const Environment down = {{"PGHOST", "/nonexistent/mfa"}, {"PGPORT", "5432"}};
-  PGconn *probe = PQconnectdb("dbname=mfadb host=/nonexistent/mfa port=5432");
-  const std::string noServer =
-      std::string("Connection to database failed: ") + PQerrorMessage(probe);
-  PQfinish(probe);
-  ASSERT_NE(noServer.find("/nonexistent/mfa"), std::string::npos) << noServer;
-
-  const std::string readFailed =
-      noServer + "<stamp> QMXLDAP1:pq_userMFAData_create error (userid=alice,status=80101)\n" +
-      unable("alice", 1200052);
-  const Values given = {"cn=alice", kNotSet, kNotSet, kNotSet};
-  expectRun({{"alice", "cn=alice"}, readFailed + pending("alice", given), 1200052 & 0xff}, down);
-  expectRun({{"alice", "cn=alice", "COMMIT"},
-             readFailed + block("Pending QMXLDAP1 tag data for user ", "alice", given) + noServer +
-                 "<stamp> QMXLDAP1:Error setting LDAP factor data (sts=80101)\n",
-             80101 & 0xff,
-             "KVTR2406E K_factor error: gavrc=0, korsrc=0, korsrsn=0x0 (Set user factor data, "
-             "factor=QMXLDAP1, userid=alice, sts=80101)\n"},
-            down);
 }
 
 } // namespace

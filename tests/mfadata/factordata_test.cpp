@@ -56,7 +56,9 @@ TEST_F(FactorDataTest, UpsertedTagsReadBackWhole) {
   };
   for (std::size_t i = 0; i < writes.size(); i++) {
     Factor factor("QMXLDAP1", i % 2, writes[i]);
-    ASSERT_EQ(kfactor_update_UserFactorData(ctx, "eve", &factor.data), 0);
+    uint32_t written = 0;
+    ASSERT_EQ(kfactor_update_UserFactorData2(ctx, "eve", &factor.data, &written), 0);
+    EXPECT_EQ(written, 1u);
     userMFAData *read = nullptr;
     ASSERT_EQ(pq_userMFAData_create(ctx, "eve", &read), 0);
     ASSERT_EQ(read->numFactors, 1u);
@@ -69,6 +71,10 @@ TEST_F(FactorDataTest, UpsertedTagsReadBackWhole) {
     ASSERT_EQ(kfactor_get_UserFactorData(ctx, "eve", "QMXLDAP1", &one), 0);
     EXPECT_EQ(tagsOf(one), writes[i]);
     kfactor_factorData_destroy(one);
+    char *text = nullptr;
+    ASSERT_EQ(kfactor_get_UserFactorTagsText(ctx, "eve", "QMXLDAP1", &text), 0);
+    EXPECT_EQ(text, value("select factortags from qmx_userfactor"));
+    freeString(text);
   }
   EXPECT_EQ(value("select count(*) from qmx_user"), "1");
   // The flag goes into the signed column as the same 32 bits.
@@ -76,11 +82,17 @@ TEST_F(FactorDataTest, UpsertedTagsReadBackWhole) {
   ASSERT_EQ(kfactor_update_UserFactorData(ctx, "eve", &allBits.data), 0);
   EXPECT_EQ(value("select isactive from qmx_userfactor"), "-1");
 
-  // Unknown user or factor: nothing is written and the call succeeds.
+  // Unknown user or factor: nothing is written and the call succeeds; the
+  // counting variant says that nothing was written.
   Factor orphan("QMXLDAP1", 1, {}), unknown("NOSUCH", 1, {});
   EXPECT_EQ(kfactor_update_UserFactorData(ctx, "o'nobody", &orphan.data), 0);
-  EXPECT_EQ(kfactor_update_UserFactorData(ctx, "eve", &unknown.data), 0);
+  uint32_t written = 99;
+  EXPECT_EQ(kfactor_update_UserFactorData2(ctx, "eve", &unknown.data, &written), 0);
+  EXPECT_EQ(written, 0u);
   EXPECT_EQ(value("select count(*) from qmx_userfactor"), "1");
+  char *text = nullptr;
+  EXPECT_EQ(kfactor_get_UserFactorTagsText(ctx, "o'nobody", "QMXLDAP1", &text), 80105);
+  EXPECT_EQ(text, nullptr);
 }
 
 TEST_F(FactorDataTest, UserWithoutFactorsAndFactorsWithoutTags) {
