@@ -262,7 +262,8 @@ int kfactor_update_UserFactorData2(dbctx *context, const char *userid, factorDat
           "insert into qmx_userfactor(userid, factorid, factortags,isactive) select "
           "au.userid,af.factorid,$1::text,$2::integer from qmx_user au,qmx_factor af where "
           "au.unixuid=$3 and af.factorname=$4 on conflict on constraint "
-          "qmx_userfactor_factorid_userid_key do update set factortags=$1::text,isactive=$2::integer",
+          "qmx_userfactor_factorid_userid_key do update set "
+          "factortags=$1::text,isactive=$2::integer",
           Expect::Command, {QN_DB_UPDATE_FAILED, "update failed: %s", Reason::Result},
           {json != nullptr ? json : "{}", active, userid, data->factorName}))
     return status;

@@ -137,7 +137,7 @@ Ran runTool(const Row &row, const Prepare &prepare = {}) {
         _exit(127);
       }
     }
-    int sink = row.sink == Sink::Full ? open("/dev/full", O_WRONLY)
+    int sink = row.sink == Sink::Full         ? open("/dev/full", O_WRONLY)
                : row.sink == Sink::ClosedPipe ? pipeEnds[1]
                                               : out;
     dup2(sink, STDOUT_FILENO);
@@ -315,8 +315,8 @@ TEST_F(LdapFactorTool, CommitsThatCannotBeTrustedWriteNothing) {
     return Row{{user, "cn=new", "COMMIT"},
                noFactors(user) + pendingOnly(user, given),
                80105 & 0xff,
-               "KVTR2408E User " + user + " is not defined to the MFA server; nothing was "
-                                          "committed.\n"};
+               "KVTR2408E User " + user +
+                   " is not defined to the MFA server; nothing was committed.\n"};
   };
   const std::vector<Row> rows = {
       refusal("twice", unable("twice", 69803), 69803),
@@ -425,14 +425,15 @@ TEST_F(LdapFactorTool, EveryCommitAttemptIsLogged) {
   address.sun_family = AF_UNIX;
   ASSERT_LT(socketPath.size(), sizeof address.sun_path);
   strcpy(address.sun_path, socketPath.c_str());
-  ASSERT_EQ(bind(log, reinterpret_cast<sockaddr *>(&address), sizeof address), 0) << strerror(errno);
+  ASSERT_EQ(bind(log, reinterpret_cast<sockaddr *>(&address), sizeof address), 0)
+      << strerror(errno);
 
   // Priority (authpriv with notice or warning) and text; the time stamp and
   // process ID are masked.
   const passwd *me = getpwuid(getuid());
   const std::string head = "ldapfactor[pid]: commit factor=\"QMXLDAP1\" user=";
-  const std::string by =
-      " uid=" + std::to_string(getuid()) + (me ? " osuser=\"" + std::string(me->pw_name) + "\"" : "");
+  const std::string by = " uid=" + std::to_string(getuid()) +
+                         (me ? " osuser=\"" + std::string(me->pw_name) + "\"" : "");
   struct Logged {
     std::vector<std::string> args;
     std::string line; // empty: nothing is logged
