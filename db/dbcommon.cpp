@@ -140,7 +140,7 @@ int Session::requireRows(const char *notFound) {
 }
 
 int Session::requireChanged(const char *notFound) {
-  if (atoi(PQcmdTuples(result())) > 0)
+  if (rowsAffected() > 0)
     return 0;
   report("%s", notFound);
   return QN_DB_NOT_FOUND;
