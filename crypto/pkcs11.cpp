@@ -229,14 +229,17 @@ private:
   CK_KEY_TYPE keyType_ = 0;
 };
 
-// What a secret key may be used for: ciphers encrypt and decrypt, MAC keys
-// sign and verify; neither wraps nor unwraps other keys.
-void addSecretUsage(Template &attributes, CK_KEY_TYPE keyType) {
+// What a secret key may be used for: by its type (ciphers encrypt and
+// decrypt, MAC keys sign and verify), or signing alone; none wraps or unwraps
+// other keys.
+enum class Usage { ByKeyType, SignOnly };
+void addSecretUsage(Template &attributes, CK_KEY_TYPE keyType, Usage usage = Usage::ByKeyType) {
   bool mac = keyType == CKK_GENERIC_SECRET;
-  attributes.flag(CKA_ENCRYPT, !mac);
-  attributes.flag(CKA_DECRYPT, !mac);
-  attributes.flag(CKA_SIGN, mac);
-  attributes.flag(CKA_VERIFY, mac);
+  bool signOnly = usage == Usage::SignOnly;
+  attributes.flag(CKA_ENCRYPT, !mac && !signOnly);
+  attributes.flag(CKA_DECRYPT, !mac && !signOnly);
+  attributes.flag(CKA_SIGN, mac || signOnly);
+  attributes.flag(CKA_VERIFY, mac && !signOnly);
   attributes.flag(CKA_WRAP, false);
   attributes.flag(CKA_UNWRAP, false);
 }
@@ -253,7 +256,7 @@ void addRsaPublicUsage(Template &attributes) {
 // failure report.
 int32_t generateSecret(qn_pkcs11_session *session, CK_MECHANISM_TYPE generator, CK_KEY_TYPE keyType,
                        uint32_t keyBytes, const char *label, int extractable,
-                       const CK_MECHANISM_TYPE *mechanisms, uint32_t mechanismCount,
+                       const CK_MECHANISM_TYPE *mechanisms, uint32_t mechanismCount, Usage usage,
                        const char *callName, qn_pkcs11_key *outKey) {
   if (session == nullptr || label == nullptr || outKey == nullptr)
     return kMissingArgument;
@@ -269,7 +272,7 @@ int32_t generateSecret(qn_pkcs11_session *session, CK_MECHANISM_TYPE generator, 
   attributes.add(CKA_VALUE_LEN, valueLength);
   attributes.flag(CKA_SENSITIVE, extractable == 0);
   attributes.flag(CKA_EXTRACTABLE, extractable != 0);
-  addSecretUsage(attributes, keyType);
+  addSecretUsage(attributes, keyType, usage);
   if (mechanisms != nullptr && mechanismCount > 0)
     attributes.add(CKA_ALLOWED_MECHANISMS, mechanisms, mechanismCount * sizeof *mechanisms);
   CK_MECHANISM mechanism = {generator, nullptr, 0};
@@ -766,7 +769,8 @@ int32_t qn_pkcs11_gen_SymkeyWithLabel(qn_pkcs11_session *session, CK_MECHANISM_T
                                       int extractable, const CK_MECHANISM_TYPE *mechanisms,
                                       uint32_t mechanismCount, qn_pkcs11_key *outKey) {
   return generateSecret(session, generator, keyType, keyBytes, label, extractable, mechanisms,
-                        mechanismCount, "C_GenerateKey (gen_SymkeyWithLabel)", outKey);
+                        mechanismCount, Usage::ByKeyType, "C_GenerateKey (gen_SymkeyWithLabel)",
+                        outKey);
 }
 
 int32_t qn_pkcs11_gen_AESCBCPadWithLabel(qn_pkcs11_session *session, uint32_t keyBits,
@@ -787,7 +791,7 @@ int32_t qn_pkcs11_gen_GenericSecretHMACKeyWithLabel(qn_pkcs11_session *session, 
   if (keyBytes > QN_PKCS11_MAX_HMAC_KEY)
     return QN_PKCS11_RC_HMAC_KEY_TOO_LONG;
   return generateSecret(session, CKM_GENERIC_SECRET_KEY_GEN, CKK_GENERIC_SECRET, keyBytes, label,
-                        extractable, nullptr, 0,
+                        extractable, nullptr, 0, Usage::SignOnly,
                         "C_GenerateKey (gen_GenericSecretHMACKeyWithLabel)", outKey);
 }
 
@@ -801,7 +805,8 @@ int32_t qn_pkcs11_gen_shaHMACKeyWithLabel(qn_pkcs11_session *session, uint32_t d
     return QN_PKCS11_RC_KEY_SIZE;
   return generateSecret(session, CKM_GENERIC_SECRET_KEY_GEN, CKK_GENERIC_SECRET,
                         kHmacMechanisms[digest - QN_HASH_MD5].length, label, extractable, nullptr,
-                        0, "C_GenerateKey (qn_pkcs11_gen_shaHMACKeyWithLabel)", outKey);
+                        0, Usage::ByKeyType, "C_GenerateKey (qn_pkcs11_gen_shaHMACKeyWithLabel)",
+                        outKey);
 }
 
 int32_t qn_pkcs11_gen_RSAKeyPair(qn_pkcs11_session *session, uint32_t modulusBits,

@@ -174,9 +174,10 @@ int32_t qn_pkcs11_gen_SymkeyWithLabel(qn_pkcs11_session *session, CK_MECHANISM_T
 int32_t qn_pkcs11_gen_AESCBCPadWithLabel(qn_pkcs11_session *session, uint32_t keyBits,
                                          const char *label, int sensitive, qn_pkcs11_key *outKey);
 
-// A generic-secret HMAC key of keyBytes (1 to 64) bytes, for signing and
-// verifying. Some providers refuse an HMAC whose key is shorter than the
-// digest, so take at least the digest length of the HMAC it will serve.
+// A generic-secret HMAC key of keyBytes (1 to 64) bytes, for signing only:
+// it cannot verify, encrypt or decrypt. Some providers refuse an HMAC whose
+// key is shorter than the digest, so take at least the digest length of the
+// HMAC it will serve.
 int32_t qn_pkcs11_gen_GenericSecretHMACKeyWithLabel(qn_pkcs11_session *session, uint32_t keyBytes,
                                                     const char *label, int extractable,
                                                     qn_pkcs11_key *outKey);

@@ -54,9 +54,10 @@ int Session::connect() {
   if (PQstatus(connection()) != CONNECTION_OK) {
     // libpq's message brings its own line end; the log and console lines add
     // one more, the factor-data service's line does not.
-    report(reporter_ == Reporter::Stdout ? "Connection to database failed: %s"
-                                         : "Connection to database failed: %s\n",
-           PQerrorMessage(connection()));
+    const char *format = connectFailed_ != nullptr       ? connectFailed_
+                         : reporter_ == Reporter::Stdout ? "Connection to database failed: %s"
+                                                         : "Connection to database failed: %s\n";
+    report(format, PQerrorMessage(connection()));
     return QN_DB_CONNECT_FAILED;
   }
   PQsetNoticeProcessor(connection(), noticeToLog, context_);
@@ -103,8 +104,10 @@ int Session::check(Expect expect, const Failure &failure) {
   ExecStatusType status = PQresultStatus(result());
   bool ok = (status == PGRES_TUPLES_OK && expect != Expect::Command) ||
             (status == PGRES_COMMAND_OK && expect != Expect::Tuples);
-  if (ok)
-    return 0;
+  return ok ? 0 : fail(failure);
+}
+
+int Session::fail(const Failure &failure) {
   report(failure.format, failure.reason == Reason::Connection ? PQerrorMessage(connection())
                                                               : PQresultErrorMessage(result()));
   return failure.status;

@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <initializer_list>
 #include <memory>
 #include <utility>
@@ -102,8 +103,11 @@ private:
 
 class Session {
 public:
-  explicit Session(dbctx *context, Reporter reporter = Reporter::Log)
-      : context_(context), reporter_(reporter) {}
+  // connectFailed, when given, replaces the reporter's text for a refused
+  // connection (one %s: libpq's message).
+  explicit Session(dbctx *context, Reporter reporter = Reporter::Log,
+                   const char *connectFailed = nullptr)
+      : context_(context), reporter_(reporter), connectFailed_(connectFailed) {}
   Session(const Session &) = delete;
   Session &operator=(const Session &) = delete;
 
@@ -146,6 +150,9 @@ public:
   // 0 when the last command changed at least one row; otherwise notFound is
   // reported and the status is 80105.
   int requireChanged(const char *notFound);
+  // Reports failure with its libpq text and returns its status: for a result
+  // that came back well yet shows the operation did not take place.
+  int fail(const Failure &failure);
 
   // Runs body between "BEGIN" and "END", or "ROLLBACK" when it fails.
   template <typename Body> int transaction(Body &&body) {
@@ -184,6 +191,7 @@ private:
 
   dbctx *context_;
   Reporter reporter_;
+  const char *connectFailed_;
   // Declared before the result so that the result is cleared first.
   std::unique_ptr<PGconn, Finish> connection_;
   std::unique_ptr<PGresult, Clear> result_;
@@ -199,20 +207,40 @@ int formatStatementV(Session &session, char *buffer, std::size_t size, const cha
 // The size column of results in which every row stands alone.
 constexpr int kEachRow = -1;
 
-// Readers of joined rows whose groups are adjacent and carry their group's
-// size in sizeColumn (a window count). A size that is not positive counts as
-// 1 and one that runs past the last row is cut, so bad data can never make a
-// reader step outside the result.
-inline int groupSize(const Session &session, int first, int sizeColumn) {
-  int size = sizeColumn == kEachRow ? 1 : session.integer(first, sizeColumn);
+// How the rows of a joined result form groups, which are always adjacent:
+// each group carries its size in a column (a window count), or its rows
+// share the value of a key column (results ordered by that key).
+struct Grouping {
+  // Not explicit: a size column (or kEachRow) stands for its grouping.
+  Grouping(int sizeColumn) : column(sizeColumn) {}
+  static Grouping byKey(int keyColumn) {
+    Grouping grouping(keyColumn);
+    grouping.key = true;
+    return grouping;
+  }
+  int column;
+  bool key = false;
+};
+
+// A size that is not positive counts as 1 and one that runs past the last
+// row is cut, so bad data can never make a reader step outside the result.
+inline int groupSize(const Session &session, int first, Grouping grouping) {
+  if (grouping.key) {
+    int size = 1;
+    while (first + size < session.rows() && std::strcmp(session.text(first + size, grouping.column),
+                                                        session.text(first, grouping.column)) == 0)
+      size++;
+    return size;
+  }
+  int size = grouping.column == kEachRow ? 1 : session.integer(first, grouping.column);
   return size <= 0 ? 1 : std::min(size, session.rows() - first);
 }
 
 // Calls visit(firstRow, size) for each group until it returns non-zero, and
 // returns that status or 0.
-template <typename Visit> int forEachGroup(const Session &session, int sizeColumn, Visit visit) {
+template <typename Visit> int forEachGroup(const Session &session, Grouping grouping, Visit visit) {
   for (int first = 0; first < session.rows();) {
-    int size = groupSize(session, first, sizeColumn);
+    int size = groupSize(session, first, grouping);
     if (int status = visit(first, size))
       return status;
     first += size;
@@ -224,15 +252,15 @@ template <typename Visit> int forEachGroup(const Session &session, int sizeColum
 // when memory is short. Count and array are stored only when every entry was
 // built; otherwise what was built is destroyed.
 template <typename T, typename Make, typename Destroy>
-int collectGroups(const Session &session, int sizeColumn, const char *label, Make make,
+int collectGroups(const Session &session, Grouping grouping, const char *label, Make make,
                   Destroy destroy, int *count, T ***array) {
   int groups = 0;
-  forEachGroup(session, sizeColumn, [&](int, int) { return ++groups, 0; });
+  forEachGroup(session, grouping, [&](int, int) { return ++groups, 0; });
   T **built = newArray<T>(groups, label);
   if (built == nullptr)
     return MFADATA_OUT_OF_MEMORY;
   int made = 0;
-  int status = forEachGroup(session, sizeColumn, [&](int first, int size) {
+  int status = forEachGroup(session, grouping, [&](int first, int size) {
     return (built[made++] = make(first, size)) == nullptr ? MFADATA_OUT_OF_MEMORY : 0;
   });
   if (status != 0) {

@@ -477,6 +477,17 @@ TEST_P(TokenTest, CredentialKeysNeitherDeriveNorWrap) {
   }
 }
 
+// The generic HMAC key hashes client secrets and has no other use.
+TEST_P(TokenTest, GenericHmacKeysOnlySign) {
+  qn_pkcs11_key key{};
+  ASSERT_EQ(qn_pkcs11_gen_GenericSecretHMACKeyWithLabel(session(), 32,
+                                                        uniqueLabel("hmacsign").c_str(), 0, &key),
+            0);
+  destroyLater(key);
+  for (CK_ATTRIBUTE_TYPE type : {CKA_SIGN, CKA_VERIFY, CKA_ENCRYPT, CKA_DECRYPT})
+    EXPECT_EQ(keyFlag(session(), key, type), type == CKA_SIGN) << type;
+}
+
 // Wrong PINs count towards locking a token, so the login refusals run on the
 // token that each run has to itself.
 TEST_F(SoftHsmTest, PinFileGuardsTheLogin) {

@@ -10,6 +10,7 @@
 #include "base/alloc.h"
 #include "base/logging.h"
 #include "db/admins.h"
+#include "db/clients.h"
 #include "db/dbcommon_internal.h"
 #include "db/factors.h"
 #include "db/policies.h"
@@ -51,6 +52,12 @@ const std::vector<Operation> &everyOperation() {
   static userMFAData *data;
   static userData *u, **us;
   static factorData *got;
+  static clientData pavo = {0, const_cast<char *>("c"), const_cast<char *>("s"), nullptr};
+  static orlinClientData orlin = {1, const_cast<char *>("h"), nullptr, 0, 0, nullptr};
+  static qn_pkcs11_session token; // never reached: the lookup fails first
+  static clientData *pc, **pcs;
+  static orlinClientData *oc, **ocs;
+  static orlinClientUserData *cu, **cus;
   static const std::vector<Operation> all = {
       OPERATION(80102, qn_db_factorGetEnabledNames(c, &n, &names)),
       OPERATION(80102, qn_db_factorGetAll(c, &n, &fs)),
@@ -116,6 +123,26 @@ const std::vector<Operation> &everyOperation() {
       OPERATION(80107, kfactor_update_UserFactorData(c, "u", &factor)),
       OPERATION(80102, kfactor_get_factorwide_settings(c, "QMXSTC", buffer,
                                                        &(length = sizeof buffer), &g, &k, &r)),
+      OPERATION(80104, qn_db_pavo_AddClient(c, &pavo)),
+      OPERATION(80107, qn_db_pavo_UpdateClient(c, 1, "s", "d")),
+      OPERATION(80102, qn_db_pavo_GetAllClients(c, &n, &pcs)),
+      OPERATION(80102, qn_db_pavo_GetClientById(c, 1, &pc)),
+      OPERATION(80108, qn_db_pavo_DeleteClient(c, 1)),
+      OPERATION(80102, qn_db_pavo_ValidateClientSecret(c, &token, "c", "s")),
+      OPERATION(80104, qn_db_orlin_AddClient(c, &orlin)),
+      OPERATION(80104, qn_db_orlin_UpdateClient(c, &orlin)),
+      OPERATION(80102, qn_db_orlin_GetAllClients(c, &n, &ocs)),
+      OPERATION(80102, qn_db_orlin_GetClient(c, 1, &oc)),
+      OPERATION(80102, qn_db_orlin_GetClientHostnameFromId(c, 1, &name)),
+      OPERATION(80104, qn_db_orlin_SetClientStatus(c, "h", 1)),
+      OPERATION(80108, qn_db_orlin_DeleteClient(c, 1)),
+      OPERATION(80102, qn_db_user_getAllOrlinClients(c, 1, &n, &cus)),
+      OPERATION(80102, qn_db_user_getAllOrlinClientsByMFAId(c, "u", &n, &cus)),
+      OPERATION(80102, qn_db_getUserOrlinClientById(c, 1, &cu)),
+      OPERATION(80104, qn_db_userOrlin_Connect(c, 1, 1, "r")),
+      OPERATION(80104, qn_db_userOrlin_ConnectByName(c, "u", "h", "r")),
+      OPERATION(80104, qn_db_userOrlin_Update(c, 1, "r", 1)),
+      OPERATION(80108, qn_db_userOrlin_Disconnect(c, 1)),
   };
   return all;
 }

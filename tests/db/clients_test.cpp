@@ -1,0 +1,450 @@
+#include "db/clients.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <regex>
+#include <string>
+
+#include "base/alloc.h"
+#include "support/env.h"
+#include "support/pgtest.h"
+#include "support/token.h"
+
+namespace {
+
+using mfatest::Rows;
+using mfatest::TokenKind;
+
+// What fn printed, each time stamp and "MFADB:" replaced by "|", so that
+// line ends can be compared exactly.
+template <typename Fn> std::string printed(Fn &&fn) {
+  static const std::regex stamp(R"(\d{4}(-\d\d){5}\.\d{6} MFADB:)");
+  return std::regex_replace(mfatest::captureStdout(fn), stamp, "|");
+}
+
+std::string describe(const clientData *c) {
+  return std::to_string(c->pavoclientsid) + " " + c->ClientId + " " + c->ClientSecret + " " +
+         c->ClientDescription;
+}
+
+// "userid/clientid name: linkid=remote:status ..." in link id order: the
+// statements order the rows of a group by nothing.
+std::string describe(const orlinClientUserData *c) {
+  std::map<int, std::string> profiles;
+  for (int i = 0; i < c->numProfiles; i++)
+    profiles[c->profiles[i]->userorlinclientid] = std::string(c->profiles[i]->remoteuserid) + ":" +
+                                                  std::to_string(c->profiles[i]->remoteuserstatus);
+  std::string text =
+      std::to_string(c->userid) + "/" + std::to_string(c->clientid) + " " + c->name + ":";
+  for (const auto &[id, profile] : profiles)
+    text += " " + std::to_string(id) + "=" + profile;
+  return text;
+}
+
+std::string describe(const orlinClientData *c) {
+  std::string text = std::to_string(c->ClientId) + " " + c->ClientHostname + " (" +
+                     c->ClientDescription + ") " + std::to_string(c->clientstatus);
+  for (int i = 0; i < c->numUsers; i++)
+    text += " [" + describe(c->users[i]) + "]";
+  return text;
+}
+
+template <typename T, typename Destroy>
+std::vector<std::string> describeAll(T **array, int count, Destroy destroy) {
+  std::vector<std::string> texts;
+  for (int i = 0; i < count; i++) {
+    texts.push_back(describe(array[i]));
+    destroy(array[i]);
+  }
+  safeFree(reinterpret_cast<char *>(array), count * static_cast<int>(sizeof(T *)));
+  return texts;
+}
+
+int addPavo(dbctx *ctx, const char *id, const char *secret, const char *description) {
+  clientData client{0, const_cast<char *>(id), const_cast<char *>(secret),
+                    const_cast<char *>(description)};
+  return qn_db_pavo_AddClient(ctx, &client);
+}
+
+class PavoClientsTest : public mfatest::PgTest {
+protected:
+  Rows clients() {
+    return sql("select pavoclientsid, clientid, clientsecret, clientdescription from "
+               "QMX_PavoClients order by 1");
+  }
+};
+
+TEST_F(PavoClientsTest, AddedClientsAreListedAndReadById) {
+  int count = -1;
+  clientData **list = nullptr;
+  EXPECT_EQ(printed([&] { EXPECT_EQ(qn_db_pavo_GetAllClients(ctx, &count, &list), 80105); }),
+            "|No PAVO Clients returned.");
+  struct Case {
+    const char *id, *secret, *description;
+    int status;
+  } cases[] = {
+      {"agent-1", "hash1", "Bob's agent \\ 100% %s", 0},
+      {"'); drop table qmx_user; --", "h'2", nullptr, 0},
+      {"agent-é", "hash3", "größer", 0},
+      {"agent-1", "hash4", "", 80104},
+      {nullptr, "hash5", "", 80106},
+      {"agent-5", nullptr, "", 80106},
+  };
+  std::string out = printed([&] {
+    for (const Case &c : cases)
+      EXPECT_EQ(addPavo(ctx, c.id, c.secret, c.description), c.status) << c.id;
+  });
+  EXPECT_EQ(out.rfind("|insert failed: ERROR:  duplicate key value", 0), 0u) << out;
+  EXPECT_EQ(qn_db_pavo_AddClient(ctx, nullptr), 80106);
+  Rows stored = {{"1", "agent-1", "hash1", "Bob's agent \\ 100% %s"},
+                 {"2", "'); drop table qmx_user; --", "h'2", ""},
+                 {"3", "agent-é", "hash3", "größer"}};
+  EXPECT_EQ(clients(), stored);
+
+  ASSERT_EQ(qn_db_pavo_GetAllClients(ctx, &count, &list), 0);
+  std::vector<std::string> expected;
+  for (const auto &row : stored)
+    expected.push_back(row[0] + " " + row[1] + " " + row[2] + " " + row[3]);
+  EXPECT_EQ(describeAll(list, count, destroyClientData), expected);
+
+  clientData *one = nullptr;
+  ASSERT_EQ(qn_db_pavo_GetClientById(ctx, 2, &one), 0);
+  EXPECT_EQ(describe(one), expected[1]);
+  destroyClientData(one);
+  one = nullptr;
+  // An unknown id reads as a failed statement.
+  EXPECT_EQ(printed([&] { EXPECT_EQ(qn_db_pavo_GetClientById(ctx, 99, &one), 80102); }),
+            "|SELECT failed: \n");
+  EXPECT_EQ(one, nullptr);
+}
+
+TEST_F(PavoClientsTest, UpdateWritesWhatIsGivenAndDeleteChecksTheId) {
+  ASSERT_EQ(addPavo(ctx, "agent", "old", "first"), 0);
+  static const std::string tooLong(1000, 'x');
+  struct Case {
+    const char *secret, *description;
+    int status;
+    const char *storedSecret, *storedDescription;
+  } cases[] = {
+      {"new", nullptr, 0, "new", "first"},
+      {nullptr, "it's 100% %s %d", 0, "new", "it's 100% %s %d"},
+      {"n'2", "d\\2", 0, "n'2", "d\\2"},
+      {nullptr, nullptr, 80106, "n'2", "d\\2"},
+      // The second pass would not fit its buffer.
+      {nullptr, tooLong.c_str(), 80106, "n'2", "d\\2"},
+  };
+  for (const Case &c : cases) {
+    mfatest::captureStdout(
+        [&] { EXPECT_EQ(qn_db_pavo_UpdateClient(ctx, 1, c.secret, c.description), c.status); });
+    EXPECT_EQ(clients(), (Rows{{"1", "agent", c.storedSecret, c.storedDescription}}))
+        << (c.secret ? c.secret : "-");
+  }
+  EXPECT_EQ(qn_db_pavo_UpdateClient(ctx, 99, "s", "d"), 0);
+
+  for (int id : {0, -1})
+    EXPECT_EQ(qn_db_pavo_DeleteClient(ctx, id), 80106);
+  EXPECT_EQ(qn_db_pavo_DeleteClient(ctx, 99), 0);
+  EXPECT_EQ(clients().size(), 1u);
+  EXPECT_EQ(qn_db_pavo_DeleteClient(ctx, 1), 0);
+  EXPECT_EQ(clients(), Rows{});
+}
+
+// The secret hash needs the database and a token.
+class SecretFixture : public mfatest::PgTest, protected mfatest::TokenFixture {
+protected:
+  void open(TokenKind kind) {
+    PgTest::SetUp();
+    if (!IsSkipped() && !HasFatalFailure())
+      openToken(kind);
+  }
+  void TearDown() override {
+    closeToken();
+    PgTest::TearDown();
+  }
+  std::string hash(const char *secret) {
+    char *hashed = nullptr;
+    EXPECT_EQ(hashClientSecret(session(), secret, &hashed), 0);
+    std::string text = hashed ? hashed : "";
+    freeString(hashed);
+    return text;
+  }
+  int validate(const char *id, const char *secret) {
+    return qn_db_pavo_ValidateClientSecret(ctx, session(), id, secret);
+  }
+};
+
+class ClientSecretTest : public SecretFixture, public testing::WithParamInterface<TokenKind> {
+protected:
+  void SetUp() override { open(GetParam()); }
+};
+
+TEST_P(ClientSecretTest, SecretHashedInOneProcessValidatesInTheNext) {
+  std::string hashed = hash("s3cret");
+  EXPECT_EQ(hashed.size(), 44u) << hashed; // 32 bytes in base64
+  EXPECT_EQ(hash("s3cret"), hashed);
+  EXPECT_NE(hash("s3cret "), hashed);
+  ASSERT_EQ(addPavo(ctx, "agent", hashed.c_str(), ""), 0);
+  ASSERT_EQ(addPavo(ctx, "o'agent", hashed.c_str(), ""), 0);
+  struct Case {
+    const char *id, *secret;
+    int status;
+    const char *printed;
+  } cases[] = {
+      {"agent", "s3cret", 0, ""},
+      {"agent", "S3cret", 81101, "|Client Secret validation fail for ClientID: agent\n"},
+      {"nobody", "s3cret", 80105, "|ClientID not found"},
+      // The lookup takes the escaped id: the doubled quote matches nothing.
+      {"o'agent", "s3cret", 80105, "|ClientID not found"},
+      {nullptr, "s3cret", 80106, ""},
+      {"agent", nullptr, 80106, ""},
+  };
+  for (const Case &c : cases)
+    EXPECT_EQ(printed([&] { EXPECT_EQ(validate(c.id, c.secret), c.status); }), c.printed)
+        << (c.id ? c.id : "-");
+  EXPECT_EQ(qn_db_pavo_ValidateClientSecret(ctx, nullptr, "agent", "s3cret"), 80106);
+
+  // A child opens the token afresh: only the token's own objects carry over.
+  closeToken();
+  pid_t child = fork();
+  ASSERT_NE(child, -1);
+  if (child == 0) {
+    if (freopen("/dev/null", "w", stdout) != nullptr)
+      openToken(GetParam());
+    _exit(validate("agent", "s3cret") == 0 && validate("agent", "s3cret!") == 81101 ? 0 : 1);
+  }
+  int wait = 0;
+  ASSERT_EQ(waitpid(child, &wait, 0), child);
+  EXPECT_TRUE(WIFEXITED(wait) && WEXITSTATUS(wait) == 0) << wait;
+}
+
+MFA_INSTANTIATE_ON_TOKENS(ClientSecretTest);
+
+// Destroys the hashing key, which other tests on a shared token would miss:
+// on the SoftHSM2 token of this run only.
+class SoftHsmSecretTest : public SecretFixture {
+protected:
+  void SetUp() override { open(TokenKind::SoftHsm); }
+};
+
+TEST_F(SoftHsmSecretTest, DestroyedKeyFailsTheRightSecretAndTokenFailuresArePassedOn) {
+  ASSERT_EQ(addPavo(ctx, "agent", hash("s3cret").c_str(), ""), 0);
+  ASSERT_EQ(validate("agent", "s3cret"), 0);
+  qn_pkcs11_key key{};
+  while (qn_pkcs11_find_genericSecretWithLabel(session(), PAVO_HASHER_LABEL, &key) == 0)
+    ASSERT_EQ(qn_pkcs11_destroyObject(session(), &key), 0);
+
+  // Without the key a read-only session cannot make a new one.
+  qn_pkcs11_session closed{}, readOnly{};
+  ASSERT_EQ(qn_pkcs11_session_openReadOnly(token(), &readOnly), 0);
+  struct Case {
+    qn_pkcs11_session *session;
+    int status;
+    const char *printed;
+  } cases[] = {
+      {&closed, QN_PKCS11_RC_SESSION_NOT_OPEN,
+       "|qn_pkcs11_find_genericSecretWithLabel failed with error: 7773010\n"
+       "|hash failed: 7773010\n"},
+      {&readOnly, CKR_SESSION_READ_ONLY,
+       "C_GenerateKey (gen_GenericSecretHMACKeyWithLabel) returned:  181 (0xb5) "
+       "CKR_SESSION_READ_ONLY\n"
+       "|qn_pkcs11_gen_GenericSecretHMACKeyWithLabel failed with error: 181\n"
+       "|hash failed: 181\n"},
+  };
+  for (const Case &c : cases)
+    EXPECT_EQ(printed([&] {
+                EXPECT_EQ(qn_db_pavo_ValidateClientSecret(ctx, c.session, "agent", "s3cret"),
+                          c.status);
+              }),
+              c.printed);
+  qn_pkcs11_session_close(&readOnly);
+  char *hashed = nullptr;
+  EXPECT_EQ(hashClientSecret(session(), nullptr, &hashed), QN_PKCS11_RC_MISSING_ARGUMENT);
+
+  // A new key is made, under which the stored hash no longer matches until
+  // the secret is hashed again.
+  mfatest::captureStdout([&] { EXPECT_EQ(validate("agent", "s3cret"), 81101); });
+  ASSERT_EQ(qn_db_pavo_UpdateClient(ctx, 1, hash("s3cret").c_str(), nullptr), 0);
+  EXPECT_EQ(validate("agent", "s3cret"), 0);
+}
+
+class OrlinClientsTest : public mfatest::PgTest {
+protected:
+  // The new client's id, or the failure status negated.
+  int addClient(const char *hostname, const char *description = "") {
+    orlinClientData *client = createOrlinClientData(hostname, description);
+    int status = qn_db_orlin_AddClient(ctx, client);
+    int id = status == 0 ? client->ClientId : -status;
+    destroyOrlinClientData(client);
+    return id;
+  }
+  Rows links() {
+    return sql("select userorlinclientid, unixuid, clienthostname, remoteuserid, "
+               "remoteuserstatus from qmx_userorlinclient join qmx_user using (userid) join "
+               "qmx_orlinclients using (clientid) order by 1");
+  }
+  std::vector<std::string> userClients(int userid) {
+    int count = 0;
+    orlinClientUserData **connections = nullptr;
+    EXPECT_EQ(qn_db_user_getAllOrlinClients(ctx, userid, &count, &connections), 0);
+    return describeAll(connections, count, destroyOrlinClientUserData);
+  }
+  std::string client(int id) {
+    orlinClientData *read = nullptr;
+    EXPECT_EQ(qn_db_orlin_GetClient(ctx, id, &read), 0);
+    std::string text = read ? describe(read) : "";
+    destroyOrlinClientData(read);
+    return text;
+  }
+};
+
+TEST_F(OrlinClientsTest, ClientsAreAddedListedUpdatedAndShowTheirStatus) {
+  int count = -1;
+  orlinClientData **list = nullptr;
+  EXPECT_EQ(printed([&] { EXPECT_EQ(qn_db_orlin_GetAllClients(ctx, &count, &list), 80105); }),
+            "|No ORLIN Clients returned.");
+  const std::pair<const char *, int> added[] = {
+      {"beta.example", 1}, {"alpha.example", 2}, {"beta.example", -80104}, {nullptr, -80106}};
+  for (const auto &[host, id] : added)
+    mfatest::captureStdout([&] { EXPECT_EQ(addClient(host, "Bob's"), id) << host; });
+  // A missing description is written empty.
+  orlinClientData renamed{2, const_cast<char *>("gamma.example"), nullptr, 0, 0, nullptr};
+  ASSERT_EQ(qn_db_orlin_UpdateClient(ctx, &renamed), 0);
+  renamed.ClientHostname = nullptr;
+  EXPECT_EQ(qn_db_orlin_UpdateClient(ctx, &renamed), 80106);
+  ASSERT_EQ(qn_db_orlin_SetClientStatus(ctx, "gamma.example", 6), 0);
+
+  ASSERT_EQ(qn_db_orlin_GetAllClients(ctx, &count, &list), 0);
+  EXPECT_EQ(describeAll(list, count, destroyOrlinClientData),
+            (std::vector<std::string>{"1 beta.example (Bob's) 0", "2 gamma.example () 6"}));
+  EXPECT_EQ(printed([&] { EXPECT_EQ(client(2), "2 gamma.example () 6"); }),
+            "|No users connected to client");
+  const std::pair<int, const char *> names[] = {
+      {6, "AUTHENTICATION FAILURE"}, {8, "UNKNOWN"}, {-1, "UNKNOWN"}};
+  for (const auto &[status, name] : names)
+    EXPECT_STREQ(orlinClientStatusName(status), name) << status;
+
+  char *host = nullptr;
+  ASSERT_EQ(qn_db_orlin_GetClientHostnameFromId(ctx, 1, &host), 0);
+  EXPECT_STREQ(host, "beta.example");
+  freeString(host);
+  orlinClientData *none = nullptr;
+  host = nullptr;
+  std::string out = printed([&] {
+    EXPECT_EQ(qn_db_orlin_GetClientHostnameFromId(ctx, 99, &host), 80105);
+    EXPECT_EQ(qn_db_orlin_GetClient(ctx, 99, &none), 80105);
+  });
+  EXPECT_EQ(out, "|No ORLIN Clients returned.|No ORLIN Clients returned.");
+  EXPECT_EQ(host, nullptr);
+  EXPECT_EQ(none, nullptr);
+}
+
+TEST_F(OrlinClientsTest, UserProfilesAreGroupedPerClientAndPerUser) {
+  int bob = addUser("bob");
+  addUser("ann");
+  int eve = addUser("eve");
+  int h1 = addClient("h1.example"), h2 = addClient("h2.example");
+  struct Connect {
+    const char *uid; // by names when set, else bob by ids
+    int clientid;
+    const char *remote;
+    int status;
+    const char *printed;
+  } connects[] = {
+      {nullptr, h1, "Root", 0, ""},
+      {nullptr, h2, "Admin", 0, ""},
+      {nullptr, h1, "O'Brien", 0, ""},
+      {"ann", h1, "Svc'X", 0, ""},
+      {nullptr, h1, nullptr, 80105, "|error escaping userid or name\n"},
+      {"nobody", h1, "x", 80104, "|insert failed: "},
+      {"ann", 0, "x", 80105,
+       "|required parameter missing, mfaid, hostname and remote user profile are all "
+       "required."},
+  };
+  for (const Connect &c : connects) {
+    const char *host = c.clientid == h1 ? "h1.example" : c.clientid == h2 ? "h2.example" : "";
+    EXPECT_EQ(printed([&] {
+                EXPECT_EQ(c.uid ? qn_db_userOrlin_ConnectByName(ctx, c.uid, host, c.remote)
+                                : qn_db_userOrlin_Connect(ctx, bob, c.clientid, c.remote),
+                          c.status);
+              }),
+              c.printed)
+        << (c.remote ? c.remote : "-");
+  }
+  // By ids the remote id is folded to lower case; by names the escaped copy
+  // is the parameter, so its quote arrives doubled.
+  EXPECT_EQ(links(), (Rows{{"1", "bob", "h1.example", "root", "0"},
+                           {"2", "bob", "h2.example", "admin", "0"},
+                           {"3", "bob", "h1.example", "o'brien", "0"},
+                           {"4", "ann", "h1.example", "Svc''X", "0"}}));
+
+  ASSERT_EQ(qn_db_userOrlin_Update(ctx, 3, "O'Neil", 6), 0);
+  EXPECT_EQ(qn_db_userOrlin_Update(ctx, 3, nullptr, 6), 80106);
+  const std::vector<std::string> bobs = {"1/1 h1.example: 1=root:0 3=O'Neil:6",
+                                         "1/2 h2.example: 2=admin:0"};
+  EXPECT_EQ(userClients(bob), bobs);
+  int count = 0;
+  orlinClientUserData **connections = nullptr;
+  ASSERT_EQ(qn_db_user_getAllOrlinClientsByMFAId(ctx, "bob", &count, &connections), 0);
+  EXPECT_EQ(describeAll(connections, count, destroyOrlinClientUserData), bobs);
+  count = -1;
+  EXPECT_EQ(printed([&] {
+              EXPECT_EQ(qn_db_user_getAllOrlinClients(ctx, eve, &count, &connections), 80105);
+              EXPECT_EQ(qn_db_user_getAllOrlinClientsByMFAId(ctx, "nobody", &count, &connections),
+                        80105);
+            }),
+            "|No ORLIN Clients returned.|User not found\n");
+  EXPECT_EQ(count, -1);
+
+  EXPECT_EQ(client(h1), "1 h1.example () 0 [1/1 bob: 1=root:0 3=O'Neil:6] [2/1 ann: 4=Svc''X:0]");
+  orlinClientUserData *one = nullptr;
+  ASSERT_EQ(qn_db_getUserOrlinClientById(ctx, 4, &one), 0);
+  EXPECT_EQ(describe(one), "2/1 h1.example: 4=Svc''X:0");
+  destroyOrlinClientUserData(one);
+  one = nullptr;
+  mfatest::captureStdout([&] { EXPECT_EQ(qn_db_getUserOrlinClientById(ctx, 99, &one), 80105); });
+  EXPECT_EQ(one, nullptr);
+
+  ASSERT_EQ(qn_db_userOrlin_Disconnect(ctx, 1), 0);
+  ASSERT_EQ(qn_db_orlin_DeleteClient(ctx, h1), 0);
+  EXPECT_EQ(links(), (Rows{{"2", "bob", "h2.example", "admin", "0"}}));
+  EXPECT_EQ(sql("select clienthostname from qmx_orlinclients"), (Rows{{"h2.example"}}));
+}
+
+TEST_F(OrlinClientsTest, PartialClientIsReleasedWhenItsUsersCannotBeRead) {
+  int bob = addUser("bob");
+  int h1 = addClient("h1.example");
+  ASSERT_EQ(qn_db_userOrlin_Connect(ctx, bob, h1, "root"), 0);
+  // The client is read before its users' uids fail; the table comes back
+  // however the test ends.
+  struct Restore {
+    std::function<void()> undo;
+    ~Restore() { undo(); }
+  } restore{[this] { sql("alter table hidden rename to qmx_user"); }};
+  sql("alter table qmx_user rename to hidden");
+  orlinClientData *read = nullptr;
+  mfatest::captureStdout([&] { EXPECT_EQ(qn_db_orlin_GetClient(ctx, h1, &read), 80102); });
+  EXPECT_EQ(read, nullptr);
+}
+
+TEST_F(PavoClientsTest, OnlyTheSecretCheckEndsARefusedConnectionWithItsOwnLineEnd) {
+  freeString(ctx->connectionString);
+  ctx->connectionString = duplicateString("host=127.0.0.1 port=1");
+  qn_pkcs11_session token{};
+  int count = 0;
+  clientData **list = nullptr;
+  // libpq's text brings one line end.
+  std::string validate = printed(
+      [&] { EXPECT_EQ(qn_db_pavo_ValidateClientSecret(ctx, &token, "id", "secret"), 80101); });
+  std::string listing =
+      printed([&] { EXPECT_EQ(qn_db_pavo_GetAllClients(ctx, &count, &list), 80101); });
+  EXPECT_EQ(validate.substr(validate.size() - 2), "\n\n") << validate;
+  EXPECT_EQ(validate.substr(0, validate.size() - 1), listing);
+}
+
+} // namespace
