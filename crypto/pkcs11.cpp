@@ -994,9 +994,9 @@ int32_t qn_pkcs11_decrypt_AESCBCPad(qn_pkcs11_session *session, const qn_pkcs11_
       env, f->C_DecryptInit(session->handle, &mechanism, key->handle),
       "C_DecryptInit (decrypt_AESCBCPad)",
       [&] {
-        CK_RV rv = f->C_Decrypt(session->handle,
-                                const_cast<CK_BYTE *>(input) + QN_PKCS11_AES_IV_LENGTH,
-                                ciphertextLength, out, &produced);
+        CK_RV rv =
+            f->C_Decrypt(session->handle, const_cast<CK_BYTE *>(input) + QN_PKCS11_AES_IV_LENGTH,
+                         ciphertextLength, out, &produced);
         // Padding takes at least one byte, so a plaintext as long as the
         // ciphertext still holds padding the provider should have refused.
         if (rv == CKR_OK && produced >= ciphertextLength) {

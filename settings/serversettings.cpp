@@ -23,9 +23,9 @@ constexpr uint32_t kAesKeyBits = 256;
 constexpr int kCipherOverhead = 64;
 
 // Indexed by style value; 0 names no style and is never matched.
-constexpr const char *kCtcStyleNames[] = {
-    "INVALID", "8 Digit Upper Case, Numeric, National", "8 Digit Mixed Case, Numeric, National",
-    "16 Digit Alphanumeric, Special Characters"};
+constexpr const char *kCtcStyleNames[] = {"INVALID", "8 Digit Upper Case, Numeric, National",
+                                          "8 Digit Mixed Case, Numeric, National",
+                                          "16 Digit Alphanumeric, Special Characters"};
 
 // A number as it is, or the value of a style's name; an unknown name and
 // other types leave the field alone.
@@ -62,50 +62,90 @@ constexpr auto numberOrZero = mfasettings::readNumberOrZero;
 // In the order of the JSON form; the two fields without a member last.
 constexpr Field<S> kFields[] = {
     {.key = "tlsTrustLoc", .text = &S::tlsTrustLoc, .validText = nonEmpty},
-    {.key = "tlsP12Loc", .text = &S::tlsP12Loc, .validText = nonEmpty,
-     .onInvalid = OnInvalid::Refuse, .status = STCSETTINGS_NO_P12_LOCATION},
+    {.key = "tlsP12Loc",
+     .text = &S::tlsP12Loc,
+     .validText = nonEmpty,
+     .onInvalid = OnInvalid::Refuse,
+     .status = STCSETTINGS_NO_P12_LOCATION},
     {.key = "tlsP12Pass", .text = &S::tlsP12Pass},
     {.key = "wsEnableCTCService", .number = &S::wsEnableCTCService, .read = flag},
     {.key = "sshPubKey", .text = &S::sshPubKey},
     {.key = "sshKeyPassword", .text = &S::sshKeyPassword},
     {.key = "sshUserId", .text = &S::sshUserId},
-    {.key = "maxAdminFailures", .number = &S::maxAdminFailures, .read = numberOrZero,
+    {.key = "maxAdminFailures",
+     .number = &S::maxAdminFailures,
+     .read = numberOrZero,
      .fallback = 5},
-    {.key = "wsAdminSessionTimeout", .number = &S::wsAdminSessionTimeout, .read = numberOrZero,
+    {.key = "wsAdminSessionTimeout",
+     .number = &S::wsAdminSessionTimeout,
+     .read = numberOrZero,
      .fallback = 900},
-    {.key = "sslTraceLevel", .number = &S::sslTraceLevel, .read = number,
-     .validNumber = traceLevel, .onInvalid = OnInvalid::Replace, .status = 0},
+    {.key = "sslTraceLevel",
+     .number = &S::sslTraceLevel,
+     .read = number,
+     .validNumber = traceLevel,
+     .onInvalid = OnInvalid::Replace,
+     .status = 0},
     {.key = "wsHstsEnable", .number = &S::wsHstsEnable, .read = flag},
-    {.key = "wsHstsMaxAge", .number = &S::wsHstsMaxAge, .read = numberOrZero,
-     .validNumber = nonNegative, .onInvalid = OnInvalid::Replace, .status = 300, .preset = 300},
+    {.key = "wsHstsMaxAge",
+     .number = &S::wsHstsMaxAge,
+     .read = numberOrZero,
+     .validNumber = nonNegative,
+     .onInvalid = OnInvalid::Replace,
+     .status = 300,
+     .preset = 300},
     {.key = "wsHstsSubDom", .number = &S::wsHstsSubDom, .read = flag},
     {.key = "wsEnablePWChange", .number = &S::wsEnablePWChange, .read = flag, .preset = 1},
-    {.key = "wsPKCSTokenName", .text = &S::wsPKCSTokenName, .validText = nonEmpty,
-     .onInvalid = OnInvalid::Refuse, .status = STCSETTINGS_NO_TOKEN_NAME},
+    {.key = "wsPKCSTokenName",
+     .text = &S::wsPKCSTokenName,
+     .validText = nonEmpty,
+     .onInvalid = OnInvalid::Refuse,
+     .status = STCSETTINGS_NO_TOKEN_NAME},
     {.key = "defaultPolicy", .text = &S::defaultPolicy},
-    {.key = "wsCTCStyle", .number = &S::wsCTCStyle, .read = readCtcStyle,
+    {.key = "wsCTCStyle",
+     .number = &S::wsCTCStyle,
+     .read = readCtcStyle,
      .fallback = STC_CTC_STYLE_SPECIAL_16},
     {.key = "enableStrictPCI", .number = &S::enableStrictPCI, .read = flag},
-    {.key = "enableDynamicInstanceNames", .number = &S::enableDynamicInstanceNames, .read = flag,
+    {.key = "enableDynamicInstanceNames",
+     .number = &S::enableDynamicInstanceNames,
+     .read = flag,
      .preset = 1},
-    {.key = "wsWebServerAuthTLSPort", .number = &S::wsWebServerAuthTLSPort, .read = number,
-     .validNumber = port, .onInvalid = OnInvalid::Refuse, .status = STCSETTINGS_BAD_TLS_PORT,
-     .preset = 6793, .fallback = 6793},
-    {.key = "wsWebMutualAuthTLSPort", .number = &S::wsWebMutualAuthTLSPort, .read = number,
-     .validNumber = port, .onInvalid = OnInvalid::Refuse, .status = STCSETTINGS_BAD_TLS_PORT,
+    {.key = "wsWebServerAuthTLSPort",
+     .number = &S::wsWebServerAuthTLSPort,
+     .read = number,
+     .validNumber = port,
+     .onInvalid = OnInvalid::Refuse,
+     .status = STCSETTINGS_BAD_TLS_PORT,
+     .preset = 6793,
+     .fallback = 6793},
+    {.key = "wsWebMutualAuthTLSPort",
+     .number = &S::wsWebMutualAuthTLSPort,
+     .read = number,
+     .validNumber = port,
+     .onInvalid = OnInvalid::Refuse,
+     .status = STCSETTINGS_BAD_TLS_PORT,
      .preset = 6794},
     {.key = "wsMaxCTCFailures", .number = &S::wsMaxCTCFailures, .read = numberOrZero},
-    {.key = "hashIterations", .number = &S::hashIterations,
-     .read = mfasettings::readNumberOrDecimal, .fallback = 4000},
+    {.key = "hashIterations",
+     .number = &S::hashIterations,
+     .read = mfasettings::readNumberOrDecimal,
+     .fallback = 4000},
     {.key = "wsDocumentRoot", .text = &S::wsDocumentRoot, .textFallback = kDocumentRoot},
     {.key = "wsIDocumentRoot", .text = &S::wsIDocumentRoot, .textFallback = kDocumentRoot},
     {.key = "wsEnableOOBService", .number = &S::wsEnableOOBService, .read = flag, .preset = 1},
-    {.key = "wsEnableTOTPRegService", .number = &S::wsEnableTOTPRegService, .read = flag,
+    {.key = "wsEnableTOTPRegService",
+     .number = &S::wsEnableTOTPRegService,
+     .read = flag,
      .preset = 1},
     {.key = "wsEnableCertAuth", .number = &S::wsEnableCertAuth, .read = flag},
     {.key = "wsEnableYubiEnrollment", .number = &S::wsEnableYubiEnrollment, .read = flag},
-    {.key = "wsWebInitialTraceLevel", .number = &S::wsWebInitialTraceLevel, .read = number,
-     .validNumber = traceLevel, .onInvalid = OnInvalid::Replace, .status = 0},
+    {.key = "wsWebInitialTraceLevel",
+     .number = &S::wsWebInitialTraceLevel,
+     .read = number,
+     .validNumber = traceLevel,
+     .onInvalid = OnInvalid::Replace,
+     .status = 0},
     {.key = "CSPReportPolicy", .text = &S::CSPReportPolicy, .write = Write::WhenNonEmpty},
     {.key = "wsCTCDisplay", .number = &S::wsCTCDisplay, .read = flag, .preset = 1},
     {.key = "wsFIDisplay", .number = &S::wsFIDisplay, .read = flag},
@@ -115,7 +155,7 @@ constexpr Field<S> kFields[] = {
 
 // One line of the listing: its text up to the value, and the value.
 struct ListingLine {
-  const char *label;
+  const char *label = nullptr;
   char *S::*text = nullptr;
   int S::*number = nullptr;
   bool isFlag = false;
@@ -123,35 +163,39 @@ struct ListingLine {
 };
 
 const ListingLine kListing[] = {
-    {"STC Settings follow:"},
-    {"  PCI Compliance Mode: ", nullptr, &S::enableStrictPCI, true},
-    {"  Initial trace level: ", nullptr, &S::wsWebInitialTraceLevel},
-    {"  PKCS#11 token name:  ", &S::wsPKCSTokenName},
-    {"  Password Change UI:  ", nullptr, &S::wsEnablePWChange, true},
-    {"  TOTP Registration:   ", nullptr, &S::wsEnableTOTPRegService, true},
-    {"  Out-of-band support: ", nullptr, &S::wsEnableOOBService, true},
-    {"  Client CTC display:  ", nullptr, &S::wsCTCDisplay, true},
-    {"  Factor Messages display: ", nullptr, &S::wsFIDisplay, true},
-    {"  Certificate support: ", nullptr, &S::wsEnableCertAuth, true},
-    {"  YubiKey enrollment support: ", nullptr, &S::wsEnableYubiEnrollment, true},
-    {"  Max checkCTC failures: ", nullptr, &S::maxCheckCTCFailures},
-    {"  Max policyAuth failures: ", nullptr, &S::maxPolicyAuthFailures},
-    {"  CTC Broadcast Service: ", nullptr, &S::wsEnableCTCService, true},
-    {"  Orlin Agent Profile: ", &S::sshUserId, nullptr, false, true},
-    {"  SSH Key path:", &S::sshPubKey, nullptr, false, true},
-    {"  Max Admin login failures: ", nullptr, &S::maxAdminFailures},
-    {"  Admin Session Timeout: ", nullptr, &S::wsAdminSessionTimeout},
-    {"  Send Strict-Transport-Security Header: ", nullptr, &S::wsHstsEnable, true},
-    {"  HSTS max-age value: ", nullptr, &S::wsHstsMaxAge},
-    {"  HSTS includeSubDomains: ", nullptr, &S::wsHstsSubDom, true},
-    {"  Document root: ", &S::wsDocumentRoot},
-    {"  Installation Document root: ", &S::wsIDocumentRoot},
-    {"TLS Settings:"},
-    {"  Server-auth port:    ", nullptr, &S::wsWebServerAuthTLSPort},
-    {"  Client-auth port:    ", nullptr, &S::wsWebMutualAuthTLSPort},
-    {"  SSL Trace Level:     ", nullptr, &S::sslTraceLevel},
-    {"  Trust store path:    ", &S::tlsTrustLoc},
-    {"  PKCS#12 file path:   ", &S::tlsP12Loc},
+    {.label = "STC Settings follow:"},
+    {.label = "  PCI Compliance Mode: ", .number = &S::enableStrictPCI, .isFlag = true},
+    {.label = "  Initial trace level: ", .number = &S::wsWebInitialTraceLevel},
+    {.label = "  PKCS#11 token name:  ", .text = &S::wsPKCSTokenName},
+    {.label = "  Password Change UI:  ", .number = &S::wsEnablePWChange, .isFlag = true},
+    {.label = "  TOTP Registration:   ", .number = &S::wsEnableTOTPRegService, .isFlag = true},
+    {.label = "  Out-of-band support: ", .number = &S::wsEnableOOBService, .isFlag = true},
+    {.label = "  Client CTC display:  ", .number = &S::wsCTCDisplay, .isFlag = true},
+    {.label = "  Factor Messages display: ", .number = &S::wsFIDisplay, .isFlag = true},
+    {.label = "  Certificate support: ", .number = &S::wsEnableCertAuth, .isFlag = true},
+    {.label = "  YubiKey enrollment support: ",
+     .number = &S::wsEnableYubiEnrollment,
+     .isFlag = true},
+    {.label = "  Max checkCTC failures: ", .number = &S::maxCheckCTCFailures},
+    {.label = "  Max policyAuth failures: ", .number = &S::maxPolicyAuthFailures},
+    {.label = "  CTC Broadcast Service: ", .number = &S::wsEnableCTCService, .isFlag = true},
+    {.label = "  Orlin Agent Profile: ", .text = &S::sshUserId, .needsCTCService = true},
+    {.label = "  SSH Key path:", .text = &S::sshPubKey, .needsCTCService = true},
+    {.label = "  Max Admin login failures: ", .number = &S::maxAdminFailures},
+    {.label = "  Admin Session Timeout: ", .number = &S::wsAdminSessionTimeout},
+    {.label = "  Send Strict-Transport-Security Header: ",
+     .number = &S::wsHstsEnable,
+     .isFlag = true},
+    {.label = "  HSTS max-age value: ", .number = &S::wsHstsMaxAge},
+    {.label = "  HSTS includeSubDomains: ", .number = &S::wsHstsSubDom, .isFlag = true},
+    {.label = "  Document root: ", .text = &S::wsDocumentRoot},
+    {.label = "  Installation Document root: ", .text = &S::wsIDocumentRoot},
+    {.label = "TLS Settings:"},
+    {.label = "  Server-auth port:    ", .number = &S::wsWebServerAuthTLSPort},
+    {.label = "  Client-auth port:    ", .number = &S::wsWebMutualAuthTLSPort},
+    {.label = "  SSL Trace Level:     ", .number = &S::sslTraceLevel},
+    {.label = "  Trust store path:    ", .text = &S::tlsTrustLoc},
+    {.label = "  PKCS#12 file path:   ", .text = &S::tlsP12Loc},
 };
 
 // The token's key that protects the PKCS#12 password. When the token has
@@ -229,8 +273,8 @@ int stcSettingsApplyDefaults(stcSettings *settings) {
   settings->wsEnableOOBService = 1;
   if (settings->wsEnableOOBService == 0)
     settings->wsEnablePWChange = 0;
-  for (int S::*field : {&S::wsEnableTOTPRegService, &S::wsEnableCertAuth,
-                        &S::wsEnableYubiEnrollment})
+  for (int S::*field :
+       {&S::wsEnableTOTPRegService, &S::wsEnableCertAuth, &S::wsEnableYubiEnrollment})
     settings->*field = settings->*field != 0;
   for (int S::*field : {&S::wsWebInitialTraceLevel, &S::sslTraceLevel})
     if (!traceLevel(settings->*field))
@@ -309,10 +353,9 @@ int encB64_p12Pass(const char *password, char **base64Text, qn_pkcs11_session *s
   if (cipher.bytes == nullptr)
     return SETTINGS_OUT_OF_MEMORY;
   uint32_t cipherLength = static_cast<uint32_t>(cipher.size);
-  if (int32_t rc = qn_pkcs11_encrypt_AESCBCPad(session, &key,
-                                               reinterpret_cast<const unsigned char *>(password),
-                                               static_cast<uint32_t>(passwordLength),
-                                               cipher.data(), &cipherLength)) {
+  if (int32_t rc = qn_pkcs11_encrypt_AESCBCPad(
+          session, &key, reinterpret_cast<const unsigned char *>(password),
+          static_cast<uint32_t>(passwordLength), cipher.data(), &cipherLength)) {
     printf("Error encrypting shared secret: %d\n", rc);
     return rc;
   }

@@ -26,7 +26,7 @@ extern "C" {
 #define STCSETTINGS_BAD_TLS_PORT 67710 // a TLS port above 65535
 // "tlsP12Loc" not a string or empty; also: no AES key to decrypt with.
 #define STCSETTINGS_NO_P12_LOCATION 67711
-#define STCSETTINGS_NO_TOKEN_NAME 67712 // "wsPKCSTokenName" not a string or empty
+#define STCSETTINGS_NO_TOKEN_NAME 67712  // "wsPKCSTokenName" not a string or empty
 #define STCSETTINGS_EMPTY_BASE64 1200075 // the encrypted password encoded to nothing
 
 // Client CTC styles, the values of wsCTCStyle. The JSON form also accepts
@@ -61,18 +61,18 @@ typedef struct stcSettings {
   int maxPolicyAuthFailures;  // no JSON member [100 for 0]
   int wsCTCStyle;             // STC_CTC_STYLE_* or a style's name [3 for 0]
   int wsMaxCTCFailures;
-  int hashIterations;         // a decimal string is accepted too [4000 for 0]
-  int maxAdminFailures;       // [5 for 0]
-  int wsEnableCTCService;     // flag [0]
+  int hashIterations;     // a decimal string is accepted too [4000 for 0]
+  int maxAdminFailures;   // [5 for 0]
+  int wsEnableCTCService; // flag [0]
   char *sshUserId;
   char *sshPubKey;
   char *sshKeyPassword;
-  int wsAdminSessionTimeout; // seconds [900 for 0]
-  int sslTraceLevel;         // 0-3, anything else 0
-  int wsHstsEnable;          // flag [0]
-  int wsHstsMaxAge;          // seconds [300; a negative number 300]
-  int wsHstsSubDom;          // flag [0]
-  int wsCTCDisplay;          // flag [1]
+  int wsAdminSessionTimeout;      // seconds [900 for 0]
+  int sslTraceLevel;              // 0-3, anything else 0
+  int wsHstsEnable;               // flag [0]
+  int wsHstsMaxAge;               // seconds [300; a negative number 300]
+  int wsHstsSubDom;               // flag [0]
+  int wsCTCDisplay;               // flag [1]
   int enableDynamicInstanceNames; // flag [1]
   int wsFIDisplay;                // flag [0]
 } stcSettings;

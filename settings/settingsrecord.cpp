@@ -15,7 +15,9 @@ constexpr int kParseErrorSize = 128;
 } // namespace
 
 bool readFlag(Json *value, int *number) {
-  *number = jsonIsBoolean(value) ? jsonAsBoolean(value) : jsonIsNumber(value) ? jsonAsNumber(value) : 0;
+  *number = jsonIsBoolean(value)  ? jsonAsBoolean(value)
+            : jsonIsNumber(value) ? jsonAsNumber(value)
+                                  : 0;
   return true;
 }
 
@@ -71,11 +73,11 @@ JsonObject *parseObject(ShortLivedHeap *heap, const char *text, int length) {
   return jsonAsObject(jsonParseUnterminatedString(heap, text, length, error, sizeof error));
 }
 
-int readSettingsText(dbctx *context, const char *factorName, char *buffer, int capacity,
-                     int *gavrc, int *korsrc, int *korsrsn) {
+int readSettingsText(dbctx *context, const char *factorName, char *buffer, int capacity, int *gavrc,
+                     int *korsrc, int *korsrsn) {
   uint64_t length = static_cast<uint64_t>(capacity);
-  int status = kfactor_get_factorwide_settings(context, factorName, buffer, &length, gavrc, korsrc,
-                                               korsrsn);
+  int status =
+      kfactor_get_factorwide_settings(context, factorName, buffer, &length, gavrc, korsrc, korsrsn);
   // An empty value leaves the length as it was; the buffer arrives zeroed
   // and a stored text never holds a NUL byte, so its first byte tells.
   if (status != 0 || *gavrc != 0 || buffer[0] == '\0')

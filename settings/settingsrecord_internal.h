@@ -11,6 +11,7 @@
 #ifndef MFA_SETTINGS_SETTINGSRECORD_INTERNAL_H
 #define MFA_SETTINGS_SETTINGSRECORD_INTERNAL_H
 
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 #include <span>
@@ -61,10 +62,10 @@ enum class Write : uint8_t {
 };
 
 template <typename Record> struct Field {
-  const char *key = nullptr;   // the JSON member; null for a field without one
-  char *Record::*text = nullptr; // a string field, owned by the record
-  int Record::*number = nullptr; // an integer field
-  NumberReader read = nullptr;   // an integer field's reader
+  const char *key = nullptr;                // the JSON member; null for a field without one
+  char *Record::*text = nullptr;            // a string field, owned by the record
+  int Record::*number = nullptr;            // an integer field
+  NumberReader read = nullptr;              // an integer field's reader
   int (*validText)(const char *) = nullptr; // the rule of a text; null: any string
   int (*validNumber)(int) = nullptr;        // the rule of a number; null: any number
   OnInvalid onInvalid = OnInvalid::Ignore;
@@ -93,6 +94,7 @@ template <typename Record> int applyField(const Field<Record> &row, Record *reco
     if (valid)
       return 0;
   } else {
+    assert(row.number != nullptr && row.read != nullptr);
     int number = 0;
     if (!row.read(value, &number))
       return 0;
@@ -140,7 +142,8 @@ template <typename Record> int applyFallbacks(Table<Record> table, Record *recor
 }
 
 // Whether conversion writes the row, and the number it writes.
-template <typename Record> bool written(const Field<Record> &row, const Record *record, int *number) {
+template <typename Record>
+bool written(const Field<Record> &row, const Record *record, int *number) {
   if (row.key == nullptr || row.write == Write::Never)
     return false;
   if (row.text != nullptr) {
@@ -149,13 +152,13 @@ template <typename Record> bool written(const Field<Record> &row, const Record *
       return false;
     if (row.write == Write::WhenNonEmpty)
       return text[0] != '\0';
-    return row.write != Write::WhenValid || row.validText(text);
+    return row.write != Write::WhenValid || row.validText == nullptr || row.validText(text);
   }
   int value = record->*row.number;
   *number = value;
   switch (row.write) {
   case Write::WhenValid:
-    return row.validNumber(value);
+    return row.validNumber == nullptr || row.validNumber(value);
   case Write::WhenNonZero:
     return value != 0;
   case Write::WhenNonNegative:
@@ -207,19 +210,13 @@ int convertToJson(Table<Record> table, const Record *record, uint64_t initialSiz
   return finishJson(printer, out, length);
 }
 
-template <typename Record> void releaseStrings(Table<Record> table, Record *record) {
-  for (const Field<Record> &row : table)
-    if (row.text != nullptr) {
-      freeString(record->*row.text);
-      record->*row.text = nullptr;
-    }
-}
-
-// Releases the record's strings, then the record, wiped.
+// Releases the record's strings, then the record; both are wiped first.
 template <typename Record> void destroyRecord(Table<Record> table, Record *record) {
   if (record == nullptr)
     return;
-  releaseStrings(table, record);
+  for (const Field<Record> &row : table)
+    if (row.text != nullptr)
+      freeString(record->*row.text);
   safeFreeRecord(record);
 }
 
@@ -268,6 +265,7 @@ int fillUnsetFields(Table<Record> table, const Record *source, Record *destinati
   return 0;
 }
 
+// Whether every field of the two records holds the same value.
 template <typename Record> bool sameFields(Table<Record> table, const Record *a, const Record *b) {
   for (const Field<Record> &row : table) {
     if (row.number != nullptr && a->*row.number != b->*row.number)
@@ -307,8 +305,8 @@ int applyJsonText(const char *text, int length, Record *record,
 
 // The settings text of factorName in buffer: its length, or -1 when it cannot
 // be read or is empty.
-int readSettingsText(dbctx *context, const char *factorName, char *buffer, int capacity,
-                     int *gavrc, int *korsrc, int *korsrsn);
+int readSettingsText(dbctx *context, const char *factorName, char *buffer, int capacity, int *gavrc,
+                     int *korsrc, int *korsrsn);
 
 // Reads the factor-wide settings of factorName into a buffer of capacity
 // bytes (allocated under label) and creates a record from them. Anything but

@@ -21,18 +21,18 @@ extern "C" {
 #define TOTPSETTINGS_FACTOR "QMXTOTP1"
 
 // A key's value refused (status code and the rule it breaks).
-#define TOTPSETTINGS_BAD_DIGEST 67614      // digestAlgDefault: SHA1, SHA256, SHA384 or SHA512
-#define TOTPSETTINGS_BAD_DIGITS 67615      // tokenNumDigitsDefault: 6-8
-#define TOTPSETTINGS_BAD_PERIOD 67616      // tokenPeriodSecondsDefault: 15, 30 or 60
-#define TOTPSETTINGS_BAD_AUTH_WINDOW 67619 // authWindowDefault: 1-10
-#define TOTPSETTINGS_BAD_USE_SECRET 67621  // useSecret: 0 or 1
-#define TOTPSETTINGS_BAD_REALM 67651       // realmName: 1-8 letters, digits, "@#$"
-#define TOTPSETTINGS_BAD_TRACE_LEVEL 67654 // webTraceLvl, pluginTraceLvl: 0-3
+#define TOTPSETTINGS_BAD_DIGEST 67614           // digestAlgDefault: SHA1, SHA256, SHA384 or SHA512
+#define TOTPSETTINGS_BAD_DIGITS 67615           // tokenNumDigitsDefault: 6-8
+#define TOTPSETTINGS_BAD_PERIOD 67616           // tokenPeriodSecondsDefault: 15, 30 or 60
+#define TOTPSETTINGS_BAD_AUTH_WINDOW 67619      // authWindowDefault: 1-10
+#define TOTPSETTINGS_BAD_USE_SECRET 67621       // useSecret: 0 or 1
+#define TOTPSETTINGS_BAD_REALM 67651            // realmName: 1-8 letters, digits, "@#$"
+#define TOTPSETTINGS_BAD_TRACE_LEVEL 67654      // webTraceLvl, pluginTraceLvl: 0-3
 #define TOTPSETTINGS_BAD_CLOCK_CORRECTION 67655 // todCorr: -43200 to 43200
 
 typedef struct totpSettings {
-  char *realmName;               // checked before it is stored
-  char *digestAlgDefault;        // default "SHA256"
+  char *realmName;        // checked before it is stored
+  char *digestAlgDefault; // default "SHA256"
   int pluginTraceLvl;
   int webTraceLvl;
   int tokenNumDigitsDefault;     // default 8
@@ -40,7 +40,7 @@ typedef struct totpSettings {
   int authWindowDefault;         // time steps either side; default 1
   char *p11token;                // written to JSON, never read from it
   char *p11label;
-  int useSecret; // always 1 after the defaults
+  int useSecret;     // always 1 after the defaults
   int numFailsAllow; // 100 when the record was made without JSON text
   int regDiags;      // a boolean; a number is taken as it is
   int todCorr;       // clock correction in seconds

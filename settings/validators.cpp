@@ -154,7 +154,8 @@ int validateDsname(const char *value) {
 }
 
 int validatePKCS11Token(const char *value) {
-  return lengthWithin(value, 1, 32) && ValidateAlphaUpperNumericNationalPeriodFirstNotNumeric(value);
+  return lengthWithin(value, 1, 32) &&
+         ValidateAlphaUpperNumericNationalPeriodFirstNotNumeric(value);
 }
 
 int validateRootCertificateLocation(const char *value) {
@@ -229,7 +230,8 @@ int validateUserPassword(const char *user, const char *password) {
 }
 
 int validateKeyLabel(const char *value) {
-  return lengthWithin(value, 1, 64) && ValidateAlphaUpperNumericNationalPeriodFirstNotNumeric(value);
+  return lengthWithin(value, 1, 64) &&
+         ValidateAlphaUpperNumericNationalPeriodFirstNotNumeric(value);
 }
 
 int validateRetryCount(const char *value) {

@@ -48,7 +48,7 @@ int validateCTCEvaluationWindowInt(int value);
 // national character followed by letters, digits, national characters and
 // "-". A leading "." is skipped. The value is not modified.
 int validateDsname(const char *value);
-int validatePKCS11Token(const char *value); // 1-32, upper-case label pattern
+int validatePKCS11Token(const char *value);             // 1-32, upper-case label pattern
 int validateRootCertificateLocation(const char *value); // 1-255 bytes
 int validateHostName(const char *value);                // 1-255 bytes
 int validateDocumentRoot(const char *value);            // 1-255 bytes
@@ -74,8 +74,8 @@ int validateCacheEntries(const char *value, int allowZero);
 int validateCacheEntriesInt(int value, int allowZero);
 // Both present and not empty.
 int validateUserPassword(const char *user, const char *password);
-int validateKeyLabel(const char *value);       // 1-64, upper-case label pattern
-int validateRetryCount(const char *value);     // 1-15
+int validateKeyLabel(const char *value);   // 1-64, upper-case label pattern
+int validateRetryCount(const char *value); // 1-15
 int validateRetryCountInt(int value);
 int validateTimeout(const char *value); // 1-30
 int validateTimeoutInt(int value);

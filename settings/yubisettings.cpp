@@ -17,8 +17,12 @@ int traceLevel(int value) {
 }
 
 constexpr Field<Y> kFields[] = {
-    {.key = "initialTraceLevel", .number = &Y::initialTraceLevel, .read = mfasettings::readNumber,
-     .validNumber = traceLevel, .onInvalid = OnInvalid::Replace, .status = 0},
+    {.key = "initialTraceLevel",
+     .number = &Y::initialTraceLevel,
+     .read = mfasettings::readNumber,
+     .validNumber = traceLevel,
+     .onInvalid = OnInvalid::Replace,
+     .status = 0},
     {.key = "p11label", .text = &Y::p11label, .write = Write::Never},
 };
 

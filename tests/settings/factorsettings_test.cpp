@@ -14,18 +14,19 @@ using mfatest::created;
 using mfatest::expectCases;
 
 const mfatest::SettingsApi<totpSettings> kTotp = {totpSettingsCreateFromJSON,
-                                                 totpSettingsConvertToJSON, totpSettingsDestroy};
+                                                  totpSettingsConvertToJSON, totpSettingsDestroy};
 const mfatest::SettingsApi<yubiSettings> kYubi = {yubiSettingsCreateFromJSON,
-                                                 yubiSettingsConvertToJSON, yubiSettingsDestroy};
+                                                  yubiSettingsConvertToJSON, yubiSettingsDestroy};
 
 bool sameTotp(const totpSettings *a, const totpSettings *b) {
   return mfasettings::sameSettings(a, b);
 }
 
 TEST(TotpSettings, DefaultsWithAndWithoutText) {
-  const std::string defaults = R"({"digestAlgDefault":"SHA256","webTraceLvl":0,"pluginTraceLvl":0,)"
-                               R"("tokenNumDigitsDefault":8,"tokenPeriodSecondsDefault":30,)"
-                               R"("authWindowDefault":1,"useSecret":1,"numFailsAllow":100,"todCorr":0})";
+  const std::string defaults =
+      R"({"digestAlgDefault":"SHA256","webTraceLvl":0,"pluginTraceLvl":0,)"
+      R"("tokenNumDigitsDefault":8,"tokenPeriodSecondsDefault":30,)"
+      R"("authWindowDefault":1,"useSecret":1,"numFailsAllow":100,"todCorr":0})";
   EXPECT_EQ(created(kTotp, ""), std::make_pair(0, defaults));
   // Any text at all leaves the failure count alone; one that is no object
   // is otherwise ignored.

@@ -14,8 +14,8 @@ namespace {
 using mfatest::created;
 using mfatest::jsonOf;
 
-const mfatest::SettingsApi<stcSettings> kStc = {stcSettingsCreateFromJSON,
-                                               stcSettingsConvertToJSON, stcSettingsDestroy};
+const mfatest::SettingsApi<stcSettings> kStc = {stcSettingsCreateFromJSON, stcSettingsConvertToJSON,
+                                                stcSettingsDestroy};
 
 bool sameStc(const stcSettings *a, const stcSettings *b) {
   return mfasettings::sameSettings(a, b);

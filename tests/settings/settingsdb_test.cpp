@@ -60,8 +60,8 @@ TEST_F(SettingsDbTest, EachRecordReadsWhatWasStored) {
   EXPECT_EQ(readBack(stcSettingsGetFromDB, stcSettingsCreateFromJSON, stcSettingsDestroy, stc), 0);
   EXPECT_EQ(readBack(totpSettingsGetFromDB, totpSettingsCreateFromJSON, totpSettingsDestroy, totp),
             0);
-  EXPECT_EQ(readBack(yubiSettingsGetFromKORS, yubiSettingsCreateFromJSON, yubiSettingsDestroy, yubi),
-            0);
+  EXPECT_EQ(
+      readBack(yubiSettingsGetFromKORS, yubiSettingsCreateFromJSON, yubiSettingsDestroy, yubi), 0);
 }
 
 TEST_F(SettingsDbTest, UnreadableOrRefusedSettingsGiveNoRecord) {

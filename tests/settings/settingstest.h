@@ -23,7 +23,8 @@ template <typename Record> struct SettingsApi {
 };
 
 // The record's JSON form.
-template <typename Record> std::string jsonOf(const SettingsApi<Record> &api, const Record *record) {
+template <typename Record>
+std::string jsonOf(const SettingsApi<Record> &api, const Record *record) {
   char buffer[8192];
   int length = sizeof buffer;
   int status = api.convert(record, buffer, &length);

@@ -51,7 +51,8 @@ const TextCase kTextCases[] = {
      {"29", "86401", "+30", " 30", "", "000030"}},
     {"validateDsname",
      validateDsname,
-     {"SYS1.PARMLIB", "A.B", "@A.#B", ".A.B", "A-1.B", "A.TOOLONGQ", "A.B.C.D.E.F.G.H.I.J.K.L.M.N.O.P.Q.R.S.T.U.VW"},
+     {"SYS1.PARMLIB", "A.B", "@A.#B", ".A.B", "A-1.B", "A.TOOLONGQ",
+      "A.B.C.D.E.F.G.H.I.J.K.L.M.N.O.P.Q.R.S.T.U.VW"},
      {"SYSPARM", "A..B", "A.B.", "A.TOOLONGQ9", "1A.B", "A.-B", "", ".",
       "A.B.C.D.E.F.G.H.I.J.K.L.M.N.O.P.Q.R.S.T.U.VWX"}},
     {"validatePKCS11Token",
@@ -132,8 +133,8 @@ TEST(Validators, IntegerFormsAcceptAndRefuse) {
 
 TEST(Validators, UserPasswordNeedsBoth) {
   EXPECT_EQ(validateUserPassword("u", "p"), 1);
-  for (auto [user, password] : {std::pair<const char *, const char *>{"", "p"}, {"u", ""},
-                                {nullptr, "p"}, {"u", nullptr}})
+  for (auto [user, password] :
+       {std::pair<const char *, const char *>{"", "p"}, {"u", ""}, {nullptr, "p"}, {"u", nullptr}})
     EXPECT_EQ(validateUserPassword(user, password), 0);
 }
 
