@@ -29,72 +29,66 @@ std::string encoded(const std::string &bytes) {
   return text;
 }
 
-class P12PassTest : public mfatest::TokenTest {
-protected:
-  // The base64 text of password, or "" after a failure.
-  std::string encrypt(const char *password) {
-    char *text = nullptr;
-    EXPECT_EQ(encB64_p12Pass(password, &text, session()), 0);
-    std::string result = text != nullptr ? text : "";
-    freeString(text);
-    return result;
-  }
-  // decB64_p12Pass's status, what it printed, and the password.
-  int32_t decrypt(const std::string &text, std::string *password, std::string *out = nullptr) {
-    char *plain = nullptr;
-    auto [rc, printed] =
-        statusAndOutput([&] { return decB64_p12Pass(text.c_str(), &plain, session()); });
-    if (out != nullptr)
-      *out = printed;
-    if (rc == 0)
-      *password = plain;
-    else
-      EXPECT_EQ(plain, nullptr);
-    freeString(plain);
-    return rc;
-  }
-};
+// The base64 text of password ("" after a failure) and what the call printed.
+std::string encrypt(qn_pkcs11_session *session, const std::string &password,
+                    std::string *out = nullptr) {
+  char *text = nullptr;
+  auto [rc, printed] =
+      statusAndOutput([&] { return encB64_p12Pass(password.c_str(), &text, session); });
+  EXPECT_EQ(rc, 0);
+  std::string result = text != nullptr ? text : "";
+  freeString(text);
+  if (out != nullptr)
+    *out = printed;
+  return result;
+}
+
+// decB64_p12Pass's status, with the password and what the call printed.
+int32_t decrypt(qn_pkcs11_session *session, const std::string &text, std::string *password,
+                std::string *out = nullptr) {
+  char *plain = nullptr;
+  auto [rc, printed] =
+      statusAndOutput([&] { return decB64_p12Pass(text.c_str(), &plain, session); });
+  if (out != nullptr)
+    *out = printed;
+  if (plain != nullptr)
+    *password = plain;
+  EXPECT_EQ(plain != nullptr, rc == 0);
+  freeString(plain);
+  return rc;
+}
+
+class P12PassTest : public mfatest::TokenTest {};
 
 TEST_P(P12PassTest, RoundTripWithAFreshIvEachTime) {
-  const std::string passwords[] = {"s3cret p@ss", "", std::string(16, 'b'), std::string(300, 'c')};
-  for (const std::string &password : passwords) {
-    std::string first = encrypt(password.c_str());
-    auto [rc, out] = statusAndOutput([&] {
-      char *text = nullptr;
-      int32_t status = encB64_p12Pass(password.c_str(), &text, session());
-      EXPECT_NE(first, text != nullptr ? text : "");
-      freeString(text);
-      return status;
-    });
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(out, "") << "the key exists by now";
+  encrypt(session(), "makes the key when the token has none");
+  for (const std::string &password :
+       {std::string("s3cret p@ss"), std::string(), std::string(16, 'b'), std::string(300, 'c')}) {
+    std::string out, first = encrypt(session(), password, &out), plain;
+    EXPECT_EQ(out, "");
+    EXPECT_NE(first, encrypt(session(), password));
     // The IV, then the password padded to the next whole block.
     EXPECT_EQ(decoded(first).size(), 16 + (password.size() / 16 + 1) * 16) << password;
-    std::string plain;
-    ASSERT_EQ(decrypt(first, &plain), 0);
+    ASSERT_EQ(decrypt(session(), first, &plain), 0);
     EXPECT_EQ(plain, password);
   }
 }
 
 TEST_P(P12PassTest, DamagedTextsFailCleanly) {
-  std::string bytes = decoded(encrypt("s3cret p@ss"));
+  std::string bytes = decoded(encrypt(session(), "s3cret p@ss"));
   ASSERT_EQ(bytes.size(), 32u);
   // The last byte of the IV sets the last padding byte: over 16 is invalid.
   bytes[15] = static_cast<char>(bytes[15] ^ 0x80);
   std::string plain = "untouched", out;
-  EXPECT_NE(decrypt(encoded(bytes), &plain, &out), 0);
+  EXPECT_NE(decrypt(session(), encoded(bytes), &plain, &out), 0);
   EXPECT_NE(out.find("Error decrypting shared secret: "), std::string::npos) << out;
-  EXPECT_NE(decrypt(encoded(bytes.substr(0, 24)), &plain), 0);
-  EXPECT_NE(decrypt("QUJD", &plain), 0);
-  EXPECT_EQ(decrypt("QU!D", &plain), QN_RC_BAD_BASE64);
+  EXPECT_NE(decrypt(session(), encoded(bytes.substr(0, 24)), &plain), 0);
+  EXPECT_EQ(decrypt(session(), "QU!D", &plain), QN_RC_BAD_BASE64);
   EXPECT_EQ(plain, "untouched");
-  char *text = nullptr;
-  EXPECT_EQ(encB64_p12Pass(nullptr, &text, session()), SETTINGS_MISSING_ARGUMENT);
-  EXPECT_EQ(decB64_p12Pass("QUJD", &text, nullptr), SETTINGS_MISSING_ARGUMENT);
 }
 
 TEST_P(P12PassTest, KeyStaysOnTheTokenAndNeverLeavesIt) {
-  std::string text = encrypt("kept");
+  std::string text = encrypt(session(), "kept");
   qn_pkcs11_key key{};
   ASSERT_EQ(qn_pkcs11_find_AESWithLabel(session(), STCSETTINGS_AES_KEY_LABEL, &key), 0);
   CK_BBOOL onToken = 0, sensitive = 0, extractable = 1, encrypts = 0, decrypts = 0;
@@ -111,7 +105,7 @@ TEST_P(P12PassTest, KeyStaysOnTheTokenAndNeverLeavesIt) {
   closeToken();
   openToken(GetParam());
   std::string plain, out;
-  ASSERT_EQ(decrypt(text, &plain, &out), 0);
+  ASSERT_EQ(decrypt(session(), text, &plain, &out), 0);
   EXPECT_EQ(plain, "kept");
   EXPECT_EQ(out, "");
 }
@@ -126,20 +120,13 @@ TEST_F(P12PassWithoutKeyTest, DecryptionNeedsTheKeyAndTheFirstEncryptionMakesIt)
   qn_pkcs11_key key{};
   while (qn_pkcs11_find_AESWithLabel(session(), STCSETTINGS_AES_KEY_LABEL, &key) == 0)
     ASSERT_EQ(qn_pkcs11_destroyObject(session(), &key), 0);
-  char *plain = nullptr;
-  auto [rc, out] = statusAndOutput([&] { return decB64_p12Pass("QUJD", &plain, session()); });
-  EXPECT_EQ(rc, STCSETTINGS_NO_P12_LOCATION);
+  std::string plain = "untouched", out;
+  EXPECT_EQ(decrypt(session(), "QUJD", &plain, &out), STCSETTINGS_NO_P12_LOCATION);
   EXPECT_EQ(out, "qn_pkcs11_find_AESWithLabel failed with error: 67711\n");
-  EXPECT_EQ(plain, nullptr);
-
-  char *text = nullptr;
-  std::tie(rc, out) = statusAndOutput([&] { return encB64_p12Pass("pw", &text, session()); });
-  EXPECT_EQ(rc, 0);
+  std::string text = encrypt(session(), "pw", &out);
   EXPECT_EQ(out, kGenerating);
-  ASSERT_EQ(decB64_p12Pass(text, &plain, session()), 0);
-  EXPECT_STREQ(plain, "pw");
-  freeString(text);
-  freeString(plain);
+  ASSERT_EQ(decrypt(session(), text, &plain), 0);
+  EXPECT_EQ(plain, "pw");
 }
 
 } // namespace

@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "base/json.h"
-#include "settings/settingsrecord.h"
+#include "settings/settingsrecord_internal.h"
 #include "support/jsontree.h"
 
 namespace mfatest {
@@ -31,7 +31,7 @@ std::string jsonOf(const SettingsApi<Record> &api, const Record *record) {
   return status == 0 ? std::string(buffer, length) : "<convert " + std::to_string(status) + ">";
 }
 
-// Creates a record from text: the status, and the record's JSON form or
+// The status of creating a record from text, and the record's JSON form or
 // "<none>" when no record was handed out.
 template <typename Record>
 std::pair<int, std::string> created(const SettingsApi<Record> &api, const std::string &text) {
@@ -89,12 +89,11 @@ void expectCases(const SettingsApi<Record> &api, const std::string &baseText,
 // A record's JSON form, read again, gives an equal record; a buffer one byte
 // short is refused with the needed length.
 template <typename Record>
-void expectRoundTrip(const SettingsApi<Record> &api, const Record *record,
-                     bool (*same)(const Record *, const Record *)) {
+void expectRoundTrip(const SettingsApi<Record> &api, const Record *record) {
   std::string json = jsonOf(api, record);
   Record *again = nullptr;
   ASSERT_EQ(api.create(json.data(), static_cast<int>(json.size()), &again), 0) << json;
-  EXPECT_TRUE(same(record, again)) << json;
+  EXPECT_TRUE(mfasettings::sameSettings(record, again)) << json;
   api.destroy(again);
 
   std::string shortBuffer(json.size() - 1, '\0');
