@@ -1075,13 +1075,23 @@ int32_t qn_pkcs11_decrypt_AESCBCPad(qn_pkcs11_session *session, const qn_pkcs11_
   std::memcpy(iv.get(), input, QN_PKCS11_AES_IV_LENGTH);
   CK_FUNCTION_LIST_PTR f = env->functions;
   CK_MECHANISM mechanism = {CKM_AES_CBC_PAD, iv.get(), QN_PKCS11_AES_IV_LENGTH};
-  CK_ULONG produced = *outLength;
+  // No more room than the ciphertext: a provider that ignores bad padding
+  // then copies at most what it decrypted.
+  CK_ULONG produced = ciphertextLength;
   rc = initThenRun(
       env, f->C_DecryptInit(session->handle, &mechanism, key->handle),
       "C_DecryptInit (decrypt_AESCBCPad)",
       [&] {
-        return f->C_Decrypt(session->handle, const_cast<CK_BYTE *>(input) + QN_PKCS11_AES_IV_LENGTH,
-                            ciphertextLength, out, &produced);
+        CK_RV rv =
+            f->C_Decrypt(session->handle, const_cast<CK_BYTE *>(input) + QN_PKCS11_AES_IV_LENGTH,
+                         ciphertextLength, out, &produced);
+        // Padding takes at least one byte, so a plaintext as long as the
+        // ciphertext still holds padding the provider should have refused.
+        if (rv == CKR_OK && produced >= ciphertextLength) {
+          std::memset(out, 0, ciphertextLength);
+          rv = CKR_ENCRYPTED_DATA_INVALID;
+        }
+        return rv;
       },
       "C_Decrypt (decrypt_AESCBCPad)");
   if (rc == 0)

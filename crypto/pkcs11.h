@@ -271,7 +271,9 @@ int32_t qn_pkcs11_hmac_internal(qn_pkcs11_session *session, const qn_pkcs11_key 
 // plus plaintextLength rounded up to the next whole block (a block more when
 // it is whole already), decrypting one of inputLength - 16; a smaller one
 // gives 7770002 before the token is used. An input to decrypt shorter than 16
-// bytes gives CKR_ENCRYPTED_DATA_LEN_RANGE.
+// bytes gives CKR_ENCRYPTED_DATA_LEN_RANGE; a decryption that leaves as many
+// bytes as the ciphertext had kept invalid padding that some providers let
+// pass, and gives CKR_ENCRYPTED_DATA_INVALID with out wiped.
 int32_t qn_pkcs11_encrypt_AESCBCPad(qn_pkcs11_session *session, const qn_pkcs11_key *key,
                                     const unsigned char *plaintext, uint32_t plaintextLength,
                                     unsigned char *out, uint32_t *outLength);

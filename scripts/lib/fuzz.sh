@@ -11,8 +11,8 @@ run_fuzz_targets() {
   suite="$root/../shared/testdata/json-suite/test_parsing"
   CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DMFA_FUZZ=ON -DMFA_TESTS=OFF >/dev/null || return 1
-  cmake --build "$build" -j2 --target fuzz_json_parse fuzz_json_roundtrip || return 1
-  for target in fuzz_json_parse fuzz_json_roundtrip; do
+  cmake --build "$build" -j2 --target fuzz_json_parse fuzz_json_roundtrip fuzz_settings_json || return 1
+  for target in fuzz_json_parse fuzz_json_roundtrip fuzz_settings_json; do
     local seeds=("$root/fuzz/corpus")
     [ -d "$suite" ] && seeds+=("$suite")
     mkdir -p "$root/fuzz/corpus-run/$target"
