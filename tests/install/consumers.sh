@@ -4,8 +4,8 @@
 # the C++ program through find_package. Both then read a user's LDAP factor
 # data from the test database.
 #
-# Environment: MFA_BUILD_DIR (the build tree), CC and CXX (its compilers),
-# MFA_CONSUMER_FLAGS (compiler and linker flags the build tree's own code was
+# Environment: MFA_BUILD_DIR (the build tree), MFA_VERSION (its project
+# version), CC and CXX (its compilers), MFA_CONSUMER_FLAGS (compiler and linker flags the build tree's own code was
 # built with, here the sanitizers). Exits 77 (skipped) without a database
 # unless MFA_REQUIRE_SERVICES=1.
 set -euo pipefail
@@ -20,6 +20,8 @@ cmake --install "$MFA_BUILD_DIR" --prefix "$prefix" --component library >/dev/nu
 # Only the installed package files say how to build: no flags of our own.
 pc=$(find "$prefix" -name mfa.pc)
 export PKG_CONFIG_PATH=${pc%/*}
+[ "$(pkg-config --modversion mfa)" = "$MFA_VERSION" ] ||
+  { echo "mfa.pc says version $(pkg-config --modversion mfa), not $MFA_VERSION" >&2; exit 1; }
 read -r -a pc_cflags <<<"$(pkg-config --cflags mfa)"
 read -r -a pc_libs <<<"$(pkg-config --libs mfa)"
 
@@ -33,17 +35,20 @@ done
 "$CC" -std=c11 -Wall -Wextra -Werror "${flags[@]}" "${pc_cflags[@]}" \
   "$here/consumer/consumer.c" -o "$work/consumer_c" "${pc_libs[@]}"
 
-cmake -S "$here/consumer" -B "$work/cxx" -DCMAKE_PREFIX_PATH="$prefix" \
+cmake -S "$here/consumer" -B "$work/cxx" -DCMAKE_PREFIX_PATH="$prefix" -DMFA_VERSION="$MFA_VERSION" \
   -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_CXX_FLAGS="-Wall -Wextra -Werror ${flags[*]}" \
   -DCMAKE_EXE_LINKER_FLAGS="${flags[*]}" >"$work/cxx.log" ||
   { cat "$work/cxx.log" >&2; exit 1; }
-grep -q "mfa 1\.0\.0 from $prefix/" "$work/cxx.log" ||
+grep -qF "mfa $MFA_VERSION from $prefix/" "$work/cxx.log" ||
   { echo "find_package did not take mfa from the installed tree" >&2; cat "$work/cxx.log" >&2; exit 1; }
 cmake --build "$work/cxx" >/dev/null
 
 if [ -z "${PGHOST:-}" ]; then
-  [ "${MFA_REQUIRE_SERVICES:-}" = 1 ] && { echo "PGHOST is not set although the services were started" >&2; exit 1; }
-  echo "consumers built; PGHOST is not set, so they were not run (run the suite through scripts/test)"
+  if [ "${MFA_REQUIRE_SERVICES:-}" = 1 ]; then
+    echo "PGHOST is not set although the services were started" >&2
+    exit 1
+  fi
+  echo "consumers built but not run: PGHOST is not set (run the suite through scripts/test)"
   exit 77
 fi
 
