@@ -21,12 +21,18 @@ ensure_packages() {
     "${missing[@]}" >/dev/null
 }
 
-# Everything the build, the tests, the demo and the benchmarks use.
-project_packages=(
-  build-essential cmake pkg-config git
-  libgtest-dev libbenchmark-dev
+# What scripts/demo needs: a compiler, CMake, the headers of the libraries
+# the library uses and the PostgreSQL server.
+demo_packages=(
+  build-essential cmake pkg-config
   libpq-dev postgresql
   libssl-dev libp11-kit-dev
+)
+
+# Everything the build, the tests, the demo and the benchmarks use.
+project_packages=(
+  "${demo_packages[@]}" git
+  libgtest-dev libbenchmark-dev
   softhsm2 opencryptoki
   clang libclang-rt-14-dev
   valgrind

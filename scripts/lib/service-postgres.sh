@@ -23,14 +23,15 @@ postgres_bindir() {
   echo "$dir"
 }
 
-# Runs a command as the account that owns the cluster.
+# Runs a command as the account that owns the cluster, from the root
+# directory: that account may not be allowed into the caller's (root's home).
 postgres_as_owner() {
   if [ "$(id -un)" = "$postgres_os_user" ]; then
     "$@"
   elif [ "$(id -u)" -eq 0 ]; then
-    runuser -u "$postgres_os_user" -- "$@"
+    (cd / && runuser -u "$postgres_os_user" -- "$@")
   else
-    sudo -u "$postgres_os_user" -- "$@"
+    (cd / && sudo -u "$postgres_os_user" -- "$@")
   fi
 }
 
