@@ -83,8 +83,11 @@ int32_t hotp(qn_pkcs11_session *session, const qn_pkcs11_key *key, uint32_t dige
   char *code = qncAlloc(QN_OTP_CODE_SIZE, "outstr");
   if (code == nullptr)
     return QN_OTP_RC_ALLOC;
-  snprintf(code, QN_OTP_CODE_SIZE, "%0*u", digits,
-           static_cast<unsigned>(value % kPowersOfTen[digits - 6]));
+  // Written digit by digit, zero-padded on the left: the code always fills
+  // exactly digits places of the zeroed buffer.
+  uint32_t rest = value % kPowersOfTen[digits - 6];
+  for (int place = digits - 1; place >= 0; --place, rest /= 10)
+    code[place] = static_cast<char>('0' + rest % 10);
   *outCode = code;
   return 0;
 }
