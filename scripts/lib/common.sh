@@ -25,7 +25,7 @@ ensure_packages() {
 project_packages=(
   build-essential cmake pkg-config git
   libgtest-dev libbenchmark-dev
-  libpq-dev postgresql
+  libpq-dev postgresql pgbouncer
   libssl-dev libp11-kit-dev
   softhsm2 opencryptoki
   clang libclang-rt-14-dev
