@@ -18,6 +18,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <optional>
 #include <regex>
 #include <thread>
@@ -86,10 +87,13 @@ std::string serviceFile() {
 struct Target {
   const char *name;
   std::function<Settings()> settings;
+  // Text of the database configuration file the library's context is made
+  // from, or empty for the tool's bare connection string.
+  std::function<std::string()> config = [] { return std::string(); };
 };
 
-// The ways of reaching the primary for writing. The service's entry wins over
-// PGHOST, which here names no server at all.
+// The ways of reaching the primary for writing. Where the service entry or
+// the configuration file names the hosts, PGHOST names no server at all.
 const Target kPrimary{"primary", [] { return Settings{{"PGHOST", primary()}, {"PGPORT", kPort}}; }};
 const Target kHostList{"host_list", [] { return hostList(standby(), primary()); }};
 const Target kPooler{"pooler", [] {
@@ -101,6 +105,14 @@ const Target kService{"service", [] {
                                         {"PGSERVICE", "mfa"},
                                         {"PGHOST", kNoServer}};
                       }};
+// A server's configuration file has no key for the session attributes; the
+// environment supplies them.
+const Target kConfigFile{
+    "config_file",
+    [] {
+      return Settings{{"PGTARGETSESSIONATTRS", "read-write"}, {"PGHOST", kNoServer}};
+    },
+    [] { return "DB HOSTNAME=" + standby() + "," + primary() + "\nDB PORT=" + kPort + "\n"; }};
 
 void PrintTo(const Target &target, std::ostream *os) {
   *os << target.name;
@@ -204,11 +216,10 @@ protected:
         "'QMXLDAP1'");
   }
 
-  // The first column of the first row on the server behind the socket
-  // directory host, "<none>" without a row, or libpq's message on failure.
-  static std::string valueOn(const std::string &host, const std::string &select) {
-    PGconn *connection = PQconnectdb(
-        ("dbname=mfadb target_session_attrs=any port=" + kPort + " host=" + host).c_str());
+  // The first column of the first row of select on a connection made from
+  // conninfo, "<none>" without a row, or libpq's message on failure.
+  static std::string valueWith(const std::string &conninfo, const std::string &select) {
+    PGconn *connection = PQconnectdb(conninfo.c_str());
     PGresult *result = PQexec(connection, select.c_str());
     std::string value = PQresultStatus(result) != PGRES_TUPLES_OK ? PQerrorMessage(connection)
                         : PQntuples(result) == 0                  ? "<none>"
@@ -216,6 +227,12 @@ protected:
     PQclear(result);
     PQfinish(connection);
     return value;
+  }
+
+  // The same on the server behind the socket directory host.
+  static std::string valueOn(const std::string &host, const std::string &select) {
+    return valueWith("dbname=mfadb target_session_attrs=any port=" + kPort + " host=" + host,
+                     select);
   }
 
   static std::string storedOn(const std::string &host) {
@@ -236,9 +253,10 @@ protected:
   }
 };
 
-class ThroughTarget : public Replicated, public testing::WithParamInterface<Target> {};
+class ToolThrough : public Replicated, public testing::WithParamInterface<Target> {};
+class LibraryThrough : public Replicated, public testing::WithParamInterface<Target> {};
 
-TEST_P(ThroughTarget, ShowAndCommitLandOnThePrimaryAndReachTheStandby) {
+TEST_P(ToolThrough, ShowAndCommitLandOnThePrimaryAndReachTheStandby) {
   const Settings settings = GetParam().settings();
   const std::string dn = std::string("cn=") + GetParam().name;
   EXPECT_EQ(runTool(settings, {"alice"}), shown("cn=alice"));
@@ -251,11 +269,18 @@ TEST_P(ThroughTarget, ShowAndCommitLandOnThePrimaryAndReachTheStandby) {
 // The policy writers run BEGIN ... END or ROLLBACK on one connection: through
 // every target they commit whole or not at all, and through the pooler they
 // leave nothing on its one shared server connection for the next client.
-TEST_P(ThroughTarget, PolicyTransactionsCommitWholeOrNotAtAll) {
+TEST_P(LibraryThrough, PolicyTransactionsCommitWholeOrNotAtAll) {
+  dbctx *context = ctx;
+  std::unique_ptr<dbctx, decltype(&qn_db_destroyDbCtx)> configured(nullptr, qn_db_destroyDbCtx);
+  if (const std::string config = GetParam().config(); !config.empty()) {
+    const std::string path = env("MFA_REPLICATION_DIR") + "/mfadb.conf";
+    std::ofstream(path) << config;
+    ASSERT_EQ(qn_db_createDBCtx(&context, nullptr, path.c_str()), 0);
+    configured.reset(context);
+  }
   const int ldap = factorId("QMXLDAP1");
-  const int totp = factorId("QMXTOTP1");
   const int missing[] = {ldap, 9999};
-  const int both[] = {ldap, totp};
+  const int both[] = {ldap, factorId("QMXTOTP1")};
   std::vector<const char *> names = {"QMXLDAP1", "QMXTOTP1"};
   userPolicyData strong{const_cast<char *>("strong"),
                         const_cast<char *>("two factors"),
@@ -267,35 +292,39 @@ TEST_P(ThroughTarget, PolicyTransactionsCommitWholeOrNotAtAll) {
   userPolicyData narrowed = strong;
   narrowed.policynote = const_cast<char *>("LDAP only");
   narrowed.numFactors = 1;
-  {
-    ScopedSettings scope(GetParam().settings());
-    mfatest::captureStdout([&] {
-      EXPECT_EQ(qn_db_policyCreate(ctx, &strong), 0);
-      EXPECT_EQ(qn_db_policyCreateREST(ctx, "broken", "", 0, 0, 2, missing), QN_DB_INSERT_FAILED);
-      EXPECT_EQ(qn_db_policyUpdate(ctx, &narrowed), 0);
-      EXPECT_EQ(qn_db_policyCreateREST(ctx, "gone", "", 0, 0, 2, both), 0);
-      EXPECT_EQ(qn_db_policyDelete(ctx, "gone"), 0);
-    });
-  }
-  EXPECT_EQ(sql("select policyname, policynote, string_agg(factorname, ',') from qmx_policy "
-                "left join qmx_policyfactor using (policyid) left join qmx_factor using "
-                "(factorid) group by 1, 2"),
-            (mfatest::Rows{{"strong", "LDAP only", "QMXLDAP1"}}));
 
-  // The pooler itself keeps the parameters it tracks in step with SET.
   ScopedSettings scope(GetParam().settings());
-  EXPECT_EQ(value("select count(*) from pg_prepared_statements"), "0");
-  EXPECT_EQ(value("select string_agg(name, ',') from pg_settings where source = 'session' and "
-                  "name not in ('application_name', 'client_encoding', 'DateStyle', 'TimeZone', "
-                  "'standard_conforming_strings')"),
-            "<null>");
+  mfatest::captureStdout([&] {
+    EXPECT_EQ(qn_db_policyCreate(context, &strong), 0);
+    EXPECT_EQ(qn_db_policyCreateREST(context, "broken", "", 0, 0, 2, missing), QN_DB_INSERT_FAILED);
+    EXPECT_EQ(qn_db_policyUpdate(context, &narrowed), 0);
+    EXPECT_EQ(qn_db_policyCreateREST(context, "gone", "", 0, 0, 2, both), 0);
+    EXPECT_EQ(qn_db_policyDelete(context, "gone"), 0);
+  });
+  EXPECT_EQ(valueOn(primary(), "select string_agg(concat_ws('|', policyname, policynote, "
+                               "factorname), ',') from qmx_policy left join qmx_policyfactor "
+                               "using (policyid) left join qmx_factor using (factorid)"),
+            "strong|LDAP only|QMXLDAP1");
+
+  // Asked on a connection made as the library makes its own. The pooler
+  // itself keeps the parameters it tracks in step with SET.
+  EXPECT_EQ(valueWith(context->connectionString, "select count(*) from pg_prepared_statements"),
+            "0");
+  EXPECT_EQ(valueWith(context->connectionString,
+                      "select string_agg(name, ',') from pg_settings where source = 'session' "
+                      "and name not in ('application_name', 'client_encoding', 'DateStyle', "
+                      "'TimeZone', 'standard_conforming_strings')"),
+            "");
 }
 
-INSTANTIATE_TEST_SUITE_P(Targets, ThroughTarget,
-                         testing::Values(kPrimary, kHostList, kPooler, kService),
-                         [](const testing::TestParamInfo<Target> &info) {
-                           return info.param.name;
-                         });
+const auto kTargetName = [](const testing::TestParamInfo<Target> &info) {
+  return std::string(info.param.name);
+};
+INSTANTIATE_TEST_SUITE_P(Targets, ToolThrough,
+                         testing::Values(kPrimary, kHostList, kPooler, kService), kTargetName);
+INSTANTIATE_TEST_SUITE_P(Targets, LibraryThrough,
+                         testing::Values(kPrimary, kHostList, kPooler, kService, kConfigFile),
+                         kTargetName);
 
 TEST_F(Replicated, StandbyAloneShowsButRefusesToCommit) {
   awaitReplay();
