@@ -2,15 +2,16 @@
 // users: the show (the three reads of pq_userMFAData_create) and the commit
 // (the factor-data upsert), each opening its own connection as the tool does.
 //
-// The benchmark makes a database of its own, mfa_scaling, as a copy of mfadb
-// on the server that libpq's settings reach (the throwaway cluster of
-// postgres_start; nothing else may be connected to mfadb at that moment),
-// empties its users and policies, fills it with 1,000 and then
-// 1,000,000 users, each with LDAP factor data and a policy, and drops it at
-// the end. Runs at 1,000,000 users report their mean and fastest time per
-// operation relative to the run at 1,000 ("vs_1k", "fastest_vs_1k"); a value
-// above 1.2 means a statement has started reading through a table instead of
-// finding its rows by index.
+// On the server that libpq's settings reach (the throwaway cluster of
+// postgres_start; nothing else may be connected to its mfadb at the start),
+// the benchmark copies mfadb into two databases of its own, fills the first
+// with 1,000 and then the second with 1,000,000 users, each with LDAP factor
+// data and a policy, and drops both at the end. Each iteration runs the
+// operation once on each database, in alternating order, so that load from
+// other processes falls on both sizes alike. The counters give the mean time
+// at each size and their ratio "1M/1k", and the same for the fastest
+// operation; a ratio above 1.2 means a statement has started reading through
+// a table instead of finding its rows by index.
 #include "base/alloc.h"
 #include "mfadata/dbctx.h"
 #include "mfadata/factordata.h"
@@ -18,15 +19,14 @@
 
 #include <benchmark/benchmark.h>
 #include <libpq-fe.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
-#include <map>
 #include <string>
 
 namespace {
-
-constexpr const char *kDatabase = "mfa_scaling";
 
 // Runs statements on a fresh connection; the error text, or empty.
 std::string run(const std::string &database, const std::string &statements) {
@@ -41,141 +41,131 @@ std::string run(const std::string &database, const std::string &statements) {
   return error;
 }
 
+// A copy of mfadb holding users user1 ... user<count> (ids to match), each
+// with LDAP factor data and the policy "ldap".
 class Database {
 public:
-  Database() {
-    run("postgres", std::string("drop database if exists ") + kDatabase);
-    failure_ = run("postgres", std::string("create database ") + kDatabase + " template mfadb");
+  explicit Database(int count) : name_("mfa_scaling_" + std::to_string(count)) {
+    const std::string n = std::to_string(count);
     // The copy keeps the schema and the factors, not what tests left behind.
-    if (failure_.empty())
-      failure_ = run(kDatabase, "truncate qmx_user, qmx_policy restart identity cascade;"
-                                "insert into qmx_policy(policyname) values('ldap');"
-                                "insert into qmx_policyfactor select p.policyid, f.factorid "
-                                "from qmx_policy p, qmx_factor f where f.factorname = "
-                                "'QMXLDAP1'");
+    const std::string load =
+        "truncate qmx_user, qmx_policy restart identity cascade;"
+        "insert into qmx_policy(policyname) values('ldap');"
+        "insert into qmx_policyfactor select p.policyid, f.factorid from qmx_policy p, "
+        "qmx_factor f where f.factorname = 'QMXLDAP1';"
+        "insert into qmx_user(userid, unixuid, name) select g, 'user' || g, 'User ' || g from "
+        "generate_series(1, " +
+        n +
+        ") g;"
+        "insert into qmx_userfactor(userid, factorid, factortags, isactive) select u.userid, "
+        "f.factorid, '{\"DN\":\"cn=' || u.unixuid || ',ou=people,dc=example,dc=com\","
+        "\"SEARCHVAL\":\"' || u.unixuid || '@example.com\",\"LASTSEARCH\":\"0\"}', 1 from "
+        "qmx_user u, qmx_factor f where f.factorname = 'QMXLDAP1';"
+        "insert into qmx_userpolicy(userid, policyid) select u.userid, p.policyid from "
+        "qmx_user u, qmx_policy p";
+    run("postgres", "drop database if exists " + name_);
+    failure_ = run("postgres", "create database " + name_ + " template mfadb");
+    // Then settled as an installation's tables are: otherwise autovacuum, the
+    // checkpointer and the system's write-back would still be working through
+    // the new rows while the operations are timed.
+    for (const std::string &statements :
+         {load, std::string("vacuum analyze"), std::string("checkpoint")})
+      if (failure_.empty())
+        failure_ = run(name_, statements);
+    sync();
     if (failure_.empty() && qn_db_createDBCtx(&context_, nullptr, nullptr) != 0)
       failure_ = "cannot make the database context";
     if (failure_.empty()) {
       freeString(context_->connectionString);
-      context_->connectionString = duplicateString((std::string("dbname=") + kDatabase).c_str());
+      context_->connectionString = duplicateString(("dbname=" + name_).c_str());
     }
+    userid_ = "user" + std::to_string(count / 2);
   }
   ~Database() {
     qn_db_destroyDbCtx(context_);
-    run("postgres", std::string("drop database if exists ") + kDatabase);
-  }
-
-  // Grows the database to count users: user1, user2, ... with ids to match.
-  bool grow(int count) {
-    if (count > users_ && failure_.empty()) {
-      const std::string from = std::to_string(users_ + 1), to = std::to_string(count);
-      failure_ = run(
-          kDatabase,
-          "insert into qmx_user(userid, unixuid, name) select g, 'user' || g, 'User ' || g from "
-          "generate_series(" +
-              from + ", " + to +
-              ") g;"
-              "insert into qmx_userfactor(userid, factorid, factortags, isactive) select u.userid, "
-              "f.factorid, '{\"DN\":\"cn=' || u.unixuid || ',ou=people,dc=example,dc=com\","
-              "\"SEARCHVAL\":\"' || u.unixuid || '@example.com\",\"LASTSEARCH\":\"0\"}', 1 from "
-              "qmx_user u, qmx_factor f where f.factorname = 'QMXLDAP1' and u.userid between " +
-              from + " and " + to +
-              ";"
-              "insert into qmx_userpolicy(userid, policyid) select g, p.policyid from "
-              "generate_series(" +
-              from + ", " + to + ") g, qmx_policy p");
-      // Settled as an installation's tables are: without this, autovacuum
-      // and the checkpointer would be working through the new rows while the
-      // operations are timed.
-      for (const char *settle : {"vacuum analyze", "checkpoint"})
-        if (failure_.empty())
-          failure_ = run(kDatabase, settle);
-      users_ = count;
-    }
-    return failure_.empty();
+    run("postgres", "drop database if exists " + name_);
   }
 
   dbctx *context() const { return context_; }
+  // The user in the middle of the table.
+  const char *userid() const { return userid_.c_str(); }
   const std::string &failure() const { return failure_; }
 
 private:
+  std::string name_;
+  std::string userid_;
   dbctx *context_ = nullptr;
-  int users_ = 0;
   std::string failure_;
 };
 
-Database &database() {
-  static Database shared;
-  return shared;
+// The two sizes, loaded in this order on first use.
+std::array<Database *, 2> &databases() {
+  static Database thousand(1000), million(1000000);
+  static std::array<Database *, 2> both = {&thousand, &million};
+  return both;
 }
 
-// The mean and the fastest time of one operation in a run.
-struct Times {
-  double mean;
-  double fastest;
-};
-
-// The times at 1,000 users, by benchmark.
-std::map<std::string, Times> atThousand;
-
-// Times operation on the user in the middle of a database of range(0) users.
-// Besides the mean, each run reports its fastest operation, which load from
-// other processes on the machine inflates far less.
-template <typename Operation>
-void measure(benchmark::State &state, const char *name, Operation operation) {
+template <typename Operation> void measure(benchmark::State &state, Operation operation) {
   using Seconds = std::chrono::duration<double>;
-  const int users = static_cast<int>(state.range(0));
-  if (!database().grow(users)) {
-    state.SkipWithError(database().failure().c_str());
-    return;
-  }
-  const std::string userid = "user" + std::to_string(users / 2);
-  Seconds spent{};
-  Seconds fastest = Seconds::max();
-  for (auto _ : state) {
-    auto start = std::chrono::steady_clock::now();
-    if (int status = operation(userid.c_str())) {
-      state.SkipWithError(("status " + std::to_string(status)).c_str());
+  for (Database *database : databases()) {
+    if (!database->failure().empty()) {
+      state.SkipWithError(database->failure().c_str());
       return;
     }
-    Seconds took = std::chrono::steady_clock::now() - start;
-    spent += took;
-    fastest = std::min(fastest, took);
   }
-  const Times times{spent.count() / static_cast<double>(state.iterations()), fastest.count()};
-  state.counters["fastest_ms"] = times.fastest * 1000;
-  if (users == 1000) {
-    atThousand[name] = times;
-  } else if (atThousand.count(name) != 0) {
-    state.counters["vs_1k"] = times.mean / atThousand[name].mean;
-    state.counters["fastest_vs_1k"] = times.fastest / atThousand[name].fastest;
+  std::array<Seconds, 2> spent{};
+  std::array<Seconds, 2> fastest = {Seconds::max(), Seconds::max()};
+  size_t first = 0;
+  for (auto _ : state) {
+    for (size_t step = 0; step < 2; step++) {
+      const size_t size = (first + step) % 2;
+      const Database &database = *databases()[size];
+      auto start = std::chrono::steady_clock::now();
+      if (int status = operation(database.context(), database.userid())) {
+        state.SkipWithError(("status " + std::to_string(status)).c_str());
+        return;
+      }
+      Seconds took = std::chrono::steady_clock::now() - start;
+      spent[size] += took;
+      fastest[size] = std::min(fastest[size], took);
+    }
+    first ^= 1;
   }
+  const double iterations = static_cast<double>(state.iterations());
+  state.counters["1k_ms"] = spent[0].count() * 1000 / iterations;
+  state.counters["1M_ms"] = spent[1].count() * 1000 / iterations;
+  state.counters["1M/1k"] = spent[1] / spent[0];
+  state.counters["fastest_1k_ms"] = fastest[0].count() * 1000;
+  state.counters["fastest_1M_ms"] = fastest[1].count() * 1000;
+  state.counters["fastest_1M/1k"] = fastest[1] / fastest[0];
 }
 
 void BM_Show(benchmark::State &state) {
-  measure(state, "show", [](const char *userid) {
+  measure(state, [](dbctx *context, const char *userid) {
     userMFAData *data = nullptr;
-    int status = pq_userMFAData_create(database().context(), userid, &data);
+    int status = pq_userMFAData_create(context, userid, &data);
     kfactor_userMFAData_destroy(data);
     return status;
   });
 }
 
 void BM_Commit(benchmark::State &state) {
-  // The same tags, read once, are written to whichever user is measured.
-  static factorData *tags = nullptr;
-  measure(state, "commit", [](const char *userid) {
-    if (tags == nullptr)
-      if (int status = kfactor_get_UserFactorData(database().context(), "user1", "QMXLDAP1", &tags))
-        return status;
-    return kfactor_update_UserFactorData(database().context(), userid, tags);
+  // The tags the tool would write, read before the clock starts.
+  factorData *tags = nullptr;
+  if (databases()[0]->failure().empty())
+    kfactor_get_UserFactorData(databases()[0]->context(), "user1", "QMXLDAP1", &tags);
+  if (tags == nullptr) {
+    state.SkipWithError("cannot read the tags to write");
+    return;
+  }
+  measure(state, [tags](dbctx *context, const char *userid) {
+    return kfactor_update_UserFactorData(context, userid, tags);
   });
+  kfactor_factorData_destroy(tags);
 }
 
-// In this order: both paths at 1,000 users, then both at 1,000,000.
-BENCHMARK(BM_Show)->Arg(1000)->Unit(benchmark::kMillisecond)->MinTime(2)->UseRealTime();
-BENCHMARK(BM_Commit)->Arg(1000)->Unit(benchmark::kMillisecond)->MinTime(2)->UseRealTime();
-BENCHMARK(BM_Show)->Arg(1000000)->Unit(benchmark::kMillisecond)->MinTime(2)->UseRealTime();
-BENCHMARK(BM_Commit)->Arg(1000000)->Unit(benchmark::kMillisecond)->MinTime(2)->UseRealTime();
+// Each iteration is one operation at each size.
+BENCHMARK(BM_Show)->Unit(benchmark::kMillisecond)->MinTime(5)->UseRealTime();
+BENCHMARK(BM_Commit)->Unit(benchmark::kMillisecond)->MinTime(5)->UseRealTime();
 
 } // namespace
