@@ -33,6 +33,7 @@ demo_packages=(
 project_packages=(
   "${demo_packages[@]}" git
   libgtest-dev libbenchmark-dev
+  pgbouncer
   softhsm2 opencryptoki
   clang libclang-rt-14-dev
   valgrind

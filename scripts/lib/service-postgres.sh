@@ -8,7 +8,9 @@
 #   postgres_stop         stops the cluster started last
 #
 # postgres_cluster_start, postgres_create_mfadb and postgres_cluster_stop are
-# the pieces, for scripts that want a cluster in a directory of their own.
+# the pieces, for scripts that want a cluster in a directory of their own;
+# postgres_owned_dirs and postgres_server_start serve scripts that make a data
+# directory some other way (a standby's base backup).
 
 postgres_os_user=postgres
 postgres_port=5432
@@ -35,6 +37,27 @@ postgres_as_owner() {
   fi
 }
 
+# postgres_owned_dirs DIR...: creates the directories, owned by the account
+# that runs the server.
+postgres_owned_dirs() {
+  mkdir -p "$@" || return 1
+  [ "$(id -un)" = "$postgres_os_user" ] || as_root chown "$postgres_os_user:" "$@"
+}
+
+# postgres_server_start DATA SOCKET: starts the server of the data directory
+# DATA, listening only on a unix socket in SOCKET; its log is DATA/server.log.
+postgres_server_start() {
+  local data=$1 socket=$2 bindir
+  bindir=$(postgres_bindir) || return 1
+  # No TCP listener: tests and demos on one machine never compete for a port.
+  postgres_as_owner "$bindir/pg_ctl" -D "$data" -l "$data/server.log" -w -s \
+    -o "-c listen_addresses='' -c unix_socket_directories='$socket' -p $postgres_port -c fsync=off -c synchronous_commit=off -c full_page_writes=off" \
+    start || {
+    cat "$data/server.log" >&2
+    return 1
+  }
+}
+
 # postgres_cluster_start DIR: initialises and starts a cluster whose data and
 # socket live in DIR (created if missing), gives the invoking account a
 # superuser role and exports PGHOST, PGPORT and PGUSER.
@@ -44,27 +67,14 @@ postgres_cluster_start() {
   me=$(id -un)
   mkdir -p "$dir"
   chmod 755 "$dir"
-  mkdir -p "$dir/data" "$dir/socket"
-  if [ "$me" != "$postgres_os_user" ]; then
-    if [ "$(id -u)" -eq 0 ]; then
-      chown "$postgres_os_user:" "$dir/data" "$dir/socket"
-    else
-      sudo chown "$postgres_os_user:" "$dir/data" "$dir/socket"
-    fi
-  fi
-  chmod 700 "$dir/data"
+  postgres_owned_dirs "$dir/data" "$dir/socket" || return 1
+  postgres_as_owner chmod 700 "$dir/data"
   postgres_as_owner "$bindir/initdb" -D "$dir/data" -U "$postgres_os_user" -A trust \
     -E UTF8 --locale=C --no-sync >"$dir/initdb.log" 2>&1 || {
     cat "$dir/initdb.log" >&2
     return 1
   }
-  # No TCP listener: tests and demos on one machine never compete for a port.
-  postgres_as_owner "$bindir/pg_ctl" -D "$dir/data" -l "$dir/data/server.log" -w -s \
-    -o "-c listen_addresses='' -c unix_socket_directories='$dir/socket' -p $postgres_port -c fsync=off -c synchronous_commit=off -c full_page_writes=off" \
-    start || {
-    cat "$dir/data/server.log" >&2
-    return 1
-  }
+  postgres_server_start "$dir/data" "$dir/socket" || return 1
   postgres_cluster_dir=$dir
   export PGHOST="$dir/socket" PGPORT=$postgres_port PGUSER=$me
   if [ "$me" != "$postgres_os_user" ]; then
