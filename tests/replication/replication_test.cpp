@@ -4,6 +4,7 @@
 // settings libpq reads, as an administrator would choose it; nothing in the
 // tool's invocation changes between them.
 #include "db/policies.h"
+#include "db/users.h"
 #include "support/env.h"
 #include "support/pgtest.h"
 
@@ -254,10 +255,11 @@ TEST_P(ToolThrough, ShowAndCommitLandOnThePrimaryAndReachTheStandby) {
   EXPECT_EQ(storedOn(standby()), tags(dn));
 }
 
-// The policy writers run BEGIN ... END or ROLLBACK on one connection: through
-// every target they commit whole or not at all, and through the pooler they
-// leave nothing on its one shared server connection for the next client.
-TEST_P(LibraryThrough, PolicyTransactionsCommitWholeOrNotAtAll) {
+// The policy writers and the user removers run BEGIN ... END or ROLLBACK on
+// one connection: through every target they commit whole or not at all, and
+// through the pooler they leave nothing on its one shared server connection
+// for the next client.
+TEST_P(LibraryThrough, TransactionsCommitWholeOrNotAtAll) {
   dbctx *context = ctx;
   std::unique_ptr<dbctx, decltype(&qn_db_destroyDbCtx)> configured(nullptr, qn_db_destroyDbCtx);
   if (const std::string config = GetParam().config(); !config.empty()) {
@@ -288,7 +290,16 @@ TEST_P(LibraryThrough, PolicyTransactionsCommitWholeOrNotAtAll) {
     EXPECT_EQ(qn_db_policyUpdate(context, &narrowed), 0);
     EXPECT_EQ(qn_db_policyCreateREST(context, "gone", "", 0, 0, 2, both), 0);
     EXPECT_EQ(qn_db_policyDelete(context, "gone"), 0);
+    int bob = 0, carol = 0;
+    EXPECT_EQ(qn_db_userAdd(context, "bob", "Bob", 0, "", &bob), 0);
+    EXPECT_EQ(qn_db_userAdd(context, "carol", "Carol", 0, "", &carol), 0);
+    EXPECT_EQ(qn_db_userPolicyConnect(context, "bob", "strong"), 0);
+    EXPECT_EQ(qn_db_userPolicyConnect(context, "carol", "strong"), 0);
+    EXPECT_EQ(qn_db_userRemove(context, "bob"), 0);
+    EXPECT_EQ(qn_db_userRemoveById(context, carol), 0);
   });
+  EXPECT_EQ(valueOn(primary(), "select string_agg(unixuid, ',') from qmx_user"), "alice");
+  EXPECT_EQ(valueOn(primary(), "select count(*) from qmx_userpolicy"), "0");
   EXPECT_EQ(valueOn(primary(), "select string_agg(concat_ws('|', policyname, policynote, "
                                "factorname), ',') from qmx_policy left join qmx_policyfactor "
                                "using (policyid) left join qmx_factor using (factorid)"),
