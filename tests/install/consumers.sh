@@ -25,9 +25,10 @@ export PKG_CONFIG_PATH=${pc%/*}
 read -r -a pc_cflags <<<"$(pkg-config --cflags mfa)"
 read -r -a pc_libs <<<"$(pkg-config --libs mfa)"
 
-# Every public header stands alone, as C11.
+# Every public header stands alone, as C11. The declaration after it keeps a
+# header of macros alone from making an empty translation unit.
 (cd "$prefix/include/mfa" && find . -name '*.h' | sort) | while read -r header; do
-  echo "#include <${header#./}>" |
+  printf '#include <%s>\ntypedef int header_stands_alone;\n' "${header#./}" |
     "$CC" -x c -std=c11 -pedantic-errors -Wall -Wextra -Werror -fsyntax-only "${pc_cflags[@]}" - ||
     { echo "installed header ${header#./} does not compile on its own" >&2; exit 1; }
 done
