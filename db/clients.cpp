@@ -241,14 +241,11 @@ int qn_db_pavo_GetClientById(dbctx *context, int pavoclientsid, clientData **cli
   ConsoleSession session(context);
   if (int status = session.connect())
     return status;
-  char sql[512];
-  if (int status =
-          formatStatement(session, sql, sizeof sql,
-                          "select pavoclientsid, clientid, clientsecret, "
-                          "clientdescription from QMX_PavoClients where pavoclientsid = %d",
-                          pavoclientsid))
-    return status;
-  if (int status = session.execParams(sql, Expect::Tuples, kSelectFailed))
+  if (int status = session.execFormattedIn(512, Expect::Tuples, kSelectFailed,
+                                           "select pavoclientsid, clientid, clientsecret, "
+                                           "clientdescription from QMX_PavoClients where "
+                                           "pavoclientsid = %d",
+                                           pavoclientsid))
     return status;
   // No row is reported as a failed read, not as not found: callers rely on it.
   if (session.rows() == 0)

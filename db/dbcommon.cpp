@@ -1,5 +1,6 @@
 #include "db/dbcommon.h"
 
+#include <cassert>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -126,13 +127,32 @@ int Session::execParams(const char *sql, Expect expect, const Failure &failure,
   return check(expect, failure);
 }
 
+int Session::execFormattedV(std::size_t size, Expect expect, const Failure &failure,
+                            const char *format, va_list args) {
+  assert(size <= kLargestStatement);
+  char sql[kLargestStatement];
+  int status = formatStatementV(*this, sql, size, format, args);
+  if (status == 0)
+    status = execParams(sql, expect, failure);
+  explicit_bzero(sql, size);
+  return status;
+}
+
 int Session::execFormatted(Expect expect, const Failure &failure, const char *format, ...) {
-  char sql[kStatementSize];
   va_list args;
   va_start(args, format);
-  int status = formatStatementV(*this, sql, sizeof sql, format, args);
+  int status = execFormattedV(kStatementSize, expect, failure, format, args);
   va_end(args);
-  return status != 0 ? status : execParams(sql, expect, failure);
+  return status;
+}
+
+int Session::execFormattedIn(std::size_t size, Expect expect, const Failure &failure,
+                             const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  int status = execFormattedV(size, expect, failure, format, args);
+  va_end(args);
+  return status;
 }
 
 int Session::requireRows(const char *notFound) {

@@ -24,8 +24,10 @@ namespace mfadb {
 // component is configured to show, so they appear only when asked for.
 constexpr int kNoticeLevel = 4;
 
-// The statement buffer of every operation that does not name its own size.
+// The statement buffer of every operation that does not name its own size,
+// and the largest one an operation names.
 constexpr std::size_t kStatementSize = 1024;
+constexpr std::size_t kLargestStatement = 2048;
 
 // Where an operation reports: the database component's log, standard output
 // without a time stamp (the factor-data service), or standard output behind
@@ -143,6 +145,11 @@ public:
   // refuses it.
   int execFormatted(Expect expect, const Failure &failure, const char *format, ...)
       MFADB_PRINTF(4, 5);
+  // The same in a buffer of size bytes (at most kLargestStatement), for the
+  // operations whose statements have a buffer of their own size. The text is
+  // wiped once sent, as it may hold a secret.
+  int execFormattedIn(std::size_t size, Expect expect, const Failure &failure, const char *format,
+                      ...) MFADB_PRINTF(5, 6);
 
   // 0 when the last result has rows; otherwise notFound is reported and the
   // status is 80105.
@@ -160,6 +167,23 @@ public:
     int status = body();
     control(status == 0 ? "END" : "ROLLBACK");
     return status;
+  }
+
+  // One statement of a writer that removes a record and its links by id:
+  // the format takes the id.
+  struct IdStep {
+    const char *format;
+    Failure failure;
+  };
+  // Runs the steps in order in one transaction; the first failure stops
+  // them and rolls every step back.
+  template <std::size_t N> int transactionById(const IdStep (&steps)[N], int id) {
+    return transaction([&] {
+      for (const IdStep &step : steps)
+        if (int status = execFormatted(Expect::Command, step.failure, step.format, id))
+          return status;
+      return 0;
+    });
   }
 
   PGresult *result() const { return result_.get(); }
@@ -186,6 +210,8 @@ private:
   };
 
   int check(Expect expect, const Failure &failure);
+  int execFormattedV(std::size_t size, Expect expect, const Failure &failure, const char *format,
+                     va_list args) MFADB_PRINTF(5, 0);
   void reportV(int level, const char *format, va_list args) MFADB_PRINTF(3, 0);
   void control(const char *sql);
 

@@ -1,7 +1,6 @@
 #include "db/passwords.h"
 
 #include <cctype>
-#include <cstdarg>
 #include <cstring>
 #include <string>
 
@@ -57,21 +56,6 @@ int protect(Session &session, qn_pwhash_ctx *hashing, const char *password, Text
   return status;
 }
 
-// Formats and runs an upsert of the stored key; the statement text is wiped
-// afterwards because it holds the key.
-MFADB_PRINTF(2, 3)
-int upsert(Session &session, const char *format, ...) {
-  char sql[kUpsertSize];
-  va_list args;
-  va_start(args, format);
-  int status = formatStatementV(session, sql, sizeof sql, format, args);
-  va_end(args);
-  if (status == 0)
-    status = session.execParams(sql, Expect::Command, kInsertFailed);
-  explicit_bzero(sql, sizeof sql);
-  return status;
-}
-
 // A stored base64 text decoded into wiped checked-heap bytes.
 class Decoded {
 public:
@@ -117,7 +101,7 @@ int qn_db_userPasswordSave(dbctx *context, const char *unixuid, const char *pass
   if (int status = protect(session, hashing, password, hash, salt))
     return status;
   auto count = static_cast<int>(hashing->iterationCount);
-  return upsert(session,
+  return session.execFormattedIn(kUpsertSize, Expect::Command, kInsertFailed,
                 "insert into qmx_usermfapassword(userid, passwordhash, iterationcount, salt, "
                 "version) select au.userid,'%s',%d,'%s',%d from qmx_user au where "
                 "au.unixuid='%s' on conflict (userid) do update set "
@@ -137,7 +121,7 @@ int qn_db_userPasswordSaveById(dbctx *context, int userid, const char *password)
   if (int status = protect(session, hashing, password, hash, salt))
     return status;
   auto count = static_cast<int>(hashing->iterationCount);
-  return upsert(session,
+  return session.execFormattedIn(kUpsertSize, Expect::Command, kInsertFailed,
                 "insert into qmx_usermfapassword(userid, passwordhash, iterationcount, salt, "
                 "version) values(%d,'%s',%d,'%s',%d) on conflict (userid) do update set "
                 "passwordhash='%s',iterationcount=%d,salt='%s',version=%d",

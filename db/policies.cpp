@@ -29,7 +29,7 @@ constexpr const char *kLinkByIds = "insert into qmx_policyfactor(policyid,factor
 // Links the named factors to the policy whose escaped name is given, each
 // statement built in the calling operation's buffer; stops at the first
 // failure.
-int linkFactorsByName(Session &session, char *sql, std::size_t size, const Escaped &policyName,
+int linkFactorsByName(Session &session, std::size_t size, const Escaped &policyName,
                       const userPolicyData &policy) {
   if (policy.numFactors > 0 && policy.factorNames == nullptr)
     return QN_DB_BAD_PARAMETERS;
@@ -37,10 +37,8 @@ int linkFactorsByName(Session &session, char *sql, std::size_t size, const Escap
     Escaped factorName = session.escape(policy.factorNames[i]);
     if (!factorName)
       return QN_DB_BAD_PARAMETERS;
-    if (int status =
-            formatStatement(session, sql, size, kLinkByNames, policyName.get(), factorName.get()))
-      return status;
-    if (int status = session.execParams(sql, Expect::Command, kInsertFailed))
+    if (int status = session.execFormattedIn(size, Expect::Command, kInsertFailed, kLinkByNames,
+                                             policyName.get(), factorName.get()))
       return status;
   }
   return 0;
@@ -102,8 +100,7 @@ int qn_db_policyCreate(dbctx *context, const userPolicyData *policy) {
                                   "ctctimeout,ctcreuse) values('%s', '%s', %d, %d) ",
                                   name.get(), note.get(), policy->ctctimeout, policy->ctcreuse))
       return status;
-    char sql[kStatementSize];
-    return linkFactorsByName(session, sql, sizeof sql, name, *policy);
+    return linkFactorsByName(session, kStatementSize, name, *policy);
   });
 }
 
@@ -241,21 +238,17 @@ int qn_db_policyUpdate(dbctx *context, const userPolicyData *policy) {
     return status;
   return session.transaction([&] {
     // The name is matched and written back unchanged: renaming is not offered.
-    char sql[512];
-    if (int status = formatStatement(session, sql, sizeof sql,
-                                     "update qmx_policy set policyname='%s',policynote='%s',"
-                                     "ctctimeout=%d, ctcreuse=%d  where policyname='%s'",
-                                     name.get(), note.get(), policy->ctctimeout, policy->ctcreuse,
-                                     name.get()))
-      return status;
-    if (int status = session.execParams(
-            sql, Expect::Command, {QN_DB_UPDATE_FAILED, "update failed: %s\n", Reason::Result}))
+    if (int status = session.execFormattedIn(
+            512, Expect::Command, {QN_DB_UPDATE_FAILED, "update failed: %s\n", Reason::Result},
+            "update qmx_policy set policyname='%s',policynote='%s',ctctimeout=%d, ctcreuse=%d  "
+            "where policyname='%s'",
+            name.get(), note.get(), policy->ctctimeout, policy->ctcreuse, name.get()))
       return status;
     if (int status = session.execParams("delete from qmx_policyfactor where policyid = (select "
                                         "policyid from qmx_policy where policyname=$1)",
                                         Expect::Command, kDeleteFailed, {name.get()}))
       return status;
-    return linkFactorsByName(session, sql, sizeof sql, name, *policy);
+    return linkFactorsByName(session, 512, name, *policy);
   });
 }
 
@@ -322,11 +315,7 @@ int qn_db_policyDeleteById(dbctx *context, int policyid) {
   Session session(context);
   if (int status = session.connect())
     return status;
-  struct Step {
-    const char *sql;
-    Failure failure;
-  };
-  constexpr Step steps[] = {
+  constexpr Session::IdStep steps[] = {
       {"delete from qmx_userpolicy where policyid = %d",
        {QN_DB_DELETE_FAILED, "delete failed for user policy: %s\n", Reason::Result}},
       {"delete from qmx_policyfactor where policyid = %d",
@@ -334,12 +323,7 @@ int qn_db_policyDeleteById(dbctx *context, int policyid) {
       {"delete from qmx_policy where policyid = %d",
        {QN_DB_DELETE_FAILED, "delete failed for policy: %s\n", Reason::Result}},
   };
-  return session.transaction([&] {
-    for (const Step &step : steps)
-      if (int status = session.execFormatted(Expect::Command, step.failure, step.sql, policyid))
-        return status;
-    return 0;
-  });
+  return session.transactionById(steps, policyid);
 }
 
 int qn_db_userPolicyConnectById(dbctx *context, int userid, int policyid) {

@@ -1,7 +1,6 @@
 #include "db/users.h"
 
 #include <cctype>
-#include <cstdarg>
 #include <string>
 
 #include "base/textutils.h"
@@ -26,16 +25,6 @@ constexpr Failure kSuspendFailed{QN_DB_UPDATE_FAILED, "User suspend update faile
 constexpr Failure kIncrementFailed{QN_DB_UPDATE_FAILED, "User failcount update failed: %s \n",
                                    Reason::Result};
 
-MFADB_PRINTF(4, 5)
-int execSetter(Session &session, Expect expect, const Failure &failure, const char *format, ...) {
-  char sql[kSetterSize];
-  va_list args;
-  va_start(args, format);
-  int status = formatStatementV(session, sql, sizeof sql, format, args);
-  va_end(args);
-  return status != 0 ? status : session.execParams(sql, expect, failure);
-}
-
 // Connects and runs a one-column update by uid; format takes the value, then
 // the escaped uid.
 int setByUid(Session &session, const char *unixuid, const Failure &failure, const char *format,
@@ -43,7 +32,7 @@ int setByUid(Session &session, const char *unixuid, const Failure &failure, cons
   Escaped uid;
   if (int status = session.connect({{uid, unixuid}}))
     return status;
-  return execSetter(session, Expect::Command, failure, format, value, uid.get());
+  return session.execFormattedIn(kSetterSize, Expect::Command, failure, format, value, uid.get());
 }
 
 // The same by id; format takes the value, then the id.
@@ -51,7 +40,7 @@ int setById(dbctx *context, const Failure &failure, const char *format, int valu
   Session session(context);
   if (int status = session.connect())
     return status;
-  return execSetter(session, Expect::Command, failure, format, value, userid);
+  return session.execFormattedIn(kSetterSize, Expect::Command, failure, format, value, userid);
 }
 
 // The first column of the first row of a select by escaped uid ($1).
@@ -77,7 +66,7 @@ int incrementByUid(dbctx *context, const char *unixuid, const char *format, int 
   Escaped uid;
   if (int status = session.connect({{uid, unixuid}}))
     return status;
-  if (int status = execSetter(session, Expect::Either, kIncrementFailed, format, uid.get()))
+  if (int status = session.execFormattedIn(kSetterSize, Expect::Either, kIncrementFailed, format, uid.get()))
     return status;
   if (int status = session.requireRows("increment count failed\n"))
     return status;
@@ -223,11 +212,7 @@ int qn_db_userRemoveById(dbctx *context, int userid) {
   Session session(context);
   if (int status = session.connect())
     return status;
-  struct Step {
-    const char *sql;
-    Failure failure;
-  };
-  constexpr Step steps[] = {
+  constexpr Session::IdStep steps[] = {
       {"delete from qmx_userpolicy where userid = %d",
        {QN_DB_DELETE_FAILED, "delete failed for userpolicy: %s\n", Reason::Result}},
       {"delete from qmx_userfactor where userid = %d",
@@ -239,12 +224,7 @@ int qn_db_userRemoveById(dbctx *context, int userid) {
       {"delete from qmx_user where userid = %d",
        {QN_DB_DELETE_FAILED, "delete failed for user: %s\n", Reason::Result}},
   };
-  return session.transaction([&] {
-    for (const Step &step : steps)
-      if (int status = session.execFormatted(Expect::Command, step.failure, step.sql, userid))
-        return status;
-    return 0;
-  });
+  return session.transactionById(steps, userid);
 }
 
 int qn_db_userRemove(dbctx *context, const char *unixuid) {
@@ -293,10 +273,10 @@ int qn_db_userUpdateById(dbctx *context, int userid, int passwordFallback, int s
     return status;
   constexpr Failure kFailed{QN_DB_UPDATE_FAILED, "update user failed: %s\n", Reason::Result};
   if (ssoid == nullptr)
-    return execSetter(session, Expect::Command, kFailed,
+    return session.execFormattedIn(kSetterSize, Expect::Command, kFailed,
                       "update qmx_user set passwordfallback=%d, suspended=%d where userid=%d",
                       passwordFallback, suspended, userid);
-  return execSetter(session, Expect::Command, kFailed,
+  return session.execFormattedIn(kSetterSize, Expect::Command, kFailed,
                     "update qmx_user set passwordfallback=%d, suspended=%d, ssoid='%s' where "
                     "userid=%d",
                     passwordFallback, suspended, sso.get(), userid);
@@ -319,7 +299,7 @@ int qn_db_userSetSSOIdById(dbctx *context, int userid, const char *ssoid) {
   Escaped sso;
   if (int status = session.connect({{sso, ssoid}}))
     return status;
-  return execSetter(session, Expect::Command,
+  return session.execFormattedIn(kSetterSize, Expect::Command,
                     {QN_DB_UPDATE_FAILED, "User sso ID update failed: %s\n", Reason::Result},
                     "update qmx_user set ssoid='%s' where userid=%d", sso.get(), userid);
 }

@@ -34,14 +34,11 @@ int qn_db_yubi_AddUpdateRecord(dbctx *context, const char *pubId, const char *cs
   Escaped id, text;
   if (int status = session.connect({{id, pubId}, {text, csv}}))
     return status;
-  char sql[2048];
-  if (int status = formatStatement(session, sql, sizeof sql,
-                                   "insert into QMX_YubiRecords(PubId,CSV) values('%s', '%s') on "
-                                   "conflict(PubId) do update set CSV=excluded.CSV",
-                                   id.get(), text.get()))
-    return status;
-  return session.execParams(sql, Expect::Command,
-                            {QN_DB_INSERT_FAILED, "insert failed: %s", Reason::Result});
+  return session.execFormattedIn(
+      2048, Expect::Command, {QN_DB_INSERT_FAILED, "insert failed: %s", Reason::Result},
+      "insert into QMX_YubiRecords(PubId,CSV) values('%s', '%s') on conflict(PubId) do update "
+      "set CSV=excluded.CSV",
+      id.get(), text.get());
 }
 
 int qn_db_yubi_DeleteRecord(dbctx *context, const char *pubId) {
