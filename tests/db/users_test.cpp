@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -46,8 +47,8 @@ std::string describe(const userData &u) {
          entries("N", u.numPolicies, u.policyNames, [](char &n) { return std::string(&n); }) +
          entries("F", u.numFactors, u.factors,
                  [](auto &f) {
-                   return cat(f.factorid, "/", f.userfactorid, "=", f.factorname, "=",
-                              f.factortags, "=", f.factornote, "=", f.isactive);
+                   return cat(f.factorid, "/", f.userfactorid, "=", f.factorname, "=", f.factortags,
+                              "=", f.factornote, "=", f.isactive);
                  }) +
          entries("H", u.numOrlinClients, u.orlinClients, [](auto &c) {
            return cat(c.userid, "@", c.clientid, "=", c.name) +
@@ -127,7 +128,6 @@ TEST_F(UsersTest, WritesOfUsersAndAdministrators) {
       STEP(0, "-1", "", qn_db_userSetSSOIdById(ctx, 3, "Łódź")),
       STEP(0, "-1", "", qn_db_userSetSuspended(ctx, "nobody", 1)),
       STEP(80105, "-1", "MFADB:user not found\n", qn_db_userIsFallback(ctx, "nobody", &o)),
-      STEP(80105, "-1", "MFADB:User not found\n", qn_db_userGetFailcount(ctx, "nobody", &o)),
       STEP(80105, "-1", "MFADB:increment count failed\n",
            qn_db_userIncrementFailcount(ctx, "nobody", &o)),
       STEP(0, "-1", "", qn_db_administratorSetSuspended(ctx, "root", 1)),
@@ -145,7 +145,6 @@ TEST_F(UsersTest, WritesOfUsersAndAdministrators) {
            qn_db_administratorIncrementFailcount(ctx, "nobody", &o)),
       STEP(80106, "-1", "MFADB:statement too long: 654 bytes do not fit a buffer of 512\n",
            qn_db_userSetFailcount(ctx, tooLong.c_str(), 1)),
-      STEP(80106, "-1", "", qn_db_userGetFailcount(ctx, nullptr, &o)),
       STEP(80106, "-1", "", qn_db_userGetFailcount(ctx, "bob", nullptr)),
   });
 #undef STEP
@@ -159,8 +158,8 @@ TEST_F(UsersTest, WritesOfUsersAndAdministrators) {
             (mfatest::Rows{{"bob", "Bob", "1", "1", "sso'x", "42"},
                            {"o'hara", "Zoë \\ O'Hara", "1", "1", "Zoë'", "0"},
                            {"root", "", "0", "1", "", "10"},
-                           {"Über\\');delete/**/from/**/qmx_user;--",
-                            "x'); drop table qmx_user;--", "1", "1", "Łódź", "0"}}));
+                           {"Über\\');delete/**/from/**/qmx_user;--", "x'); drop table qmx_user;--",
+                            "1", "1", "Łódź", "0"}}));
 }
 
 // Concurrent increments are one statement each: none is lost and no two
@@ -168,22 +167,22 @@ TEST_F(UsersTest, WritesOfUsersAndAdministrators) {
 TEST_F(UsersTest, ConcurrentIncrementsAreNeverLost) {
   addUser("bob");
   constexpr int kThreads = 8, kEach = 1000;
-  std::vector<std::vector<int>> seen(kThreads);
+  std::mutex lock;
+  std::set<int> distinct;
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; t++)
-    threads.emplace_back([&, t] {
+    threads.emplace_back([&] {
       dbctx *own = nullptr;
       ASSERT_EQ(qn_db_createDBCtx(&own, nullptr, nullptr), 0);
       for (int i = 0, count = 0; i < kEach; i++)
-        if (qn_db_userIncrementFailcount(own, "bob", &count) == 0)
-          seen[t].push_back(count);
+        if (qn_db_userIncrementFailcount(own, "bob", &count) == 0) {
+          std::lock_guard<std::mutex> hold(lock);
+          distinct.insert(count);
+        }
       qn_db_destroyDbCtx(own);
     });
-  std::set<int> distinct;
-  for (int t = 0; t < kThreads; t++) {
-    threads[t].join();
-    distinct.insert(seen[t].begin(), seen[t].end());
-  }
+  for (std::thread &thread : threads)
+    thread.join();
   EXPECT_EQ(distinct.size(), size_t{kThreads * kEach});
   EXPECT_EQ(value("select ctcfailurecount from qmx_user"), std::to_string(kThreads * kEach));
 }
@@ -234,9 +233,8 @@ TEST_F(UsersTest, ReadsOfOneUserAndTheListing) {
                            "MFADB:No Orlin Client connections for this user.\n"})
     EXPECT_NE(out.find(note), std::string::npos) << out;
   // A later statement that fails after part of the record was built.
-  const char *const locked[][2] = {{"qmx_policy", nullptr}, {"qmx_factor", nullptr},
-                                   {"qmx_orlinclients", nullptr}, {"qmx_policy", "bob"},
-                                   {"qmx_factor", "bob"}};
+  const char *const locked[][2] = {
+      {"qmx_factor", nullptr}, {"qmx_orlinclients", nullptr}, {"qmx_factor", "bob"}};
   for (auto [table, uid] : locked) {
     SCOPED_TRACE(cat(table, uid ? " by uid" : " by id"));
     std::unique_ptr<PGconn, decltype(&PQfinish)> locker(PQconnectdb("dbname=mfadb"), PQfinish);
@@ -256,7 +254,8 @@ TEST_F(UsersTest, RemovalIsAllOrNothing) {
   // Refuses deletes sent straight to a table, not those the database
   // cascades from another.
   sql("create or replace function users_test_refuse() returns trigger language plpgsql as $$ "
-      "begin if pg_trigger_depth() = 1 then raise exception 'refused'; end if; return null; end $$");
+      "begin if pg_trigger_depth() = 1 then raise exception 'refused'; end if; return null; end "
+      "$$");
   const struct {
     bool byId;
     const char *refusing; // table that refuses direct deletes, or null
@@ -266,8 +265,8 @@ TEST_F(UsersTest, RemovalIsAllOrNothing) {
       {true, nullptr, 0, "", "1 0000"},
       // By uid the profiles go by the cascade, never by a delete of its own.
       {false, "qmx_userorlinclient", 0, "", "1 0000"},
-      {true, "qmx_userorlinclient", 80108, "MFADB:delete failed for qmx_userorlinclient: ",
-       "2 2213"},
+      {true, "qmx_userorlinclient", 80108,
+       "MFADB:delete failed for qmx_userorlinclient: ", "2 2213"},
       {false, "qmx_usermfapassword", 80104, "MFADB:delete failed: ", "2 2213"},
   };
   for (const auto &c : cases) {
