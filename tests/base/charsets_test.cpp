@@ -44,7 +44,8 @@ TEST(Charsets, ConvertsBetweenCodePagesInEveryMode) {
   // Modes 2 and 3.
   char *out = nullptr;
   int length = 0, reason = 0;
-  ASSERT_EQ(convertCharset("\xC1\xC2\xC3", 3, 1047, 2, &out, 0, 1201, nullptr, &length, &reason), 0);
+  ASSERT_EQ(convertCharset("\xC1\xC2\xC3", 3, 1047, 2, &out, 0, 1201, nullptr, &length, &reason),
+            0);
   EXPECT_EQ(std::string(out, static_cast<size_t>(length)), std::string("\0A\0B\0C", 6));
   safeFree(out, length); // exact size, so the sanitizers catch a short copy
 
