@@ -46,36 +46,33 @@ protected:
   int rsn = -7;
 };
 
-TEST_F(FilesTest, BufferedReadingDeliversSignedBytesThenEndOfFile) {
-  writeFile("three", std::string("a\xFF"
-                                 "b"));
-  // A 2-byte buffer makes the third byte come from a refill.
+TEST_F(FilesTest, ReadingBufferedAndUnbuffered) {
+  writeFile("three", "a\xFF"
+                     "b");
+  // A 2-byte buffer makes the third byte come from a refill; 0xFF reads as -1
+  // but is not the end. Each result, with "E" once the end is known.
   UnixFile *file = fileOpen(path("three").c_str(), O_RDONLY, 0, 2, &rc, &rsn);
   ASSERT_NE(file, nullptr);
-  EXPECT_EQ(fileGetChar(file, &rc, &rsn), 'a');
-  EXPECT_EQ(fileGetChar(file, &rc, &rsn), -1); // 0xFF, not the end
-  EXPECT_EQ(fileEOF(file), 0);
-  EXPECT_EQ(fileGetChar(file, &rc, &rsn), 'b');
-  EXPECT_EQ(fileGetChar(file, &rc, &rsn), -1);
-  EXPECT_EQ(fileGetChar(file, &rc, &rsn), -1);
-  EXPECT_EQ(fileEOF(file), 1);
-  EXPECT_EQ(rc, 0);
-  EXPECT_EQ(fileClose(file, &rc, &rsn), 0);
-}
+  std::string seen;
+  for (int i = 0; i < 5; i++) {
+    int c = fileGetChar(file, &rc, &rsn);
+    seen += std::to_string(c) + (fileEOF(file) ? "E " : " ");
+  }
+  EXPECT_EQ(seen, "97 -1 98 -1E -1E ");
+  EXPECT_EQ(outcome(fileClose(file, &rc, &rsn)), std::pair(0, 0));
 
-TEST_F(FilesTest, UnbufferedFileReadsButHasNoCharacterStream) {
-  writeFile("data", "hello");
-  UnixFile *file = fileOpen(path("data").c_str(), O_RDONLY, 0, 0, &rc, &rsn);
+  // Without a buffer there is no character stream.
+  file = fileOpen(path("three").c_str(), O_RDONLY, 0, 0, &rc, &rsn);
   ASSERT_NE(file, nullptr);
   EXPECT_EQ(outcome(fileGetChar(file, &rc, &rsn)), std::pair(-1, FILE_RC_NO_BUFFER));
   EXPECT_EQ(rsn, FILE_RSN_NO_BUFFER);
-
   char buffer[16] = {};
-  EXPECT_EQ(fileRead(file, buffer, sizeof buffer, &rc, &rsn), 5);
-  EXPECT_STREQ(buffer, "hello");
+  EXPECT_EQ(fileRead(file, buffer, sizeof buffer, &rc, &rsn), 3);
   EXPECT_EQ(fileEOF(file), 0);
   EXPECT_EQ(fileRead(file, buffer, sizeof buffer, &rc, &rsn), 0);
   EXPECT_EQ(fileEOF(file), 1);
+  EXPECT_STREQ(buffer, "a\xFF"
+                       "b");
   fileClose(file, &rc, &rsn);
 }
 
@@ -98,7 +95,6 @@ TEST_F(FilesTest, FailuresReportTheErrorNumber) {
   EXPECT_EQ(outcome(fileWrite(file, "x", 1, &rc, &rsn)), std::pair(-1, EBADF));
   EXPECT_EQ(outcome(fileClose(file, &rc, &rsn)), std::pair(0, 0));
   EXPECT_EQ(fileClose(nullptr, &rc, &rsn), 0);
-  EXPECT_EQ(outcome(fileGetChar(nullptr, &rc, &rsn)), std::pair(-1, EBADF));
 }
 
 TEST_F(FilesTest, InfoAndAccess) {
@@ -107,7 +103,6 @@ TEST_F(FilesTest, InfoAndAccess) {
   FileInfo info;
   ASSERT_EQ(fileInfo(path("f").c_str(), &info, &rc, &rsn), 0);
   EXPECT_EQ(fileInfoSize(&info), 5);
-  EXPECT_EQ(fileInfoIsDirectory(&info), 0);
   EXPECT_EQ(fileUnixMode(&info), S_IFREG | 0640);
   ASSERT_EQ(fileInfo(dir.c_str(), &info, &rc, &rsn), 0);
   EXPECT_EQ(fileInfoIsDirectory(&info), 1);
@@ -125,7 +120,6 @@ TEST_F(FilesTest, InfoAndAccess) {
 
   // Learning the mask leaves it as it was.
   setUmask(027);
-  EXPECT_EQ(getUmask(), 027);
   EXPECT_EQ(getUmask(), 027);
   EXPECT_EQ(setUmask(previous), 027);
 }
@@ -167,7 +161,6 @@ TEST_F(FilesTest, DirectoriesAreMadeListedAndDeleted) {
   EXPECT_EQ(directoryRead(directory, buffer, sizeof buffer, &rc, &rsn), 0);
   directoryClose(directory, &rc, &rsn);
 
-  EXPECT_EQ(outcome(directoryDelete(sub.c_str(), &rc, &rsn)), std::pair(-1, ENOTEMPTY));
   unlink(path("sub/abcd").c_str());
 
   // Names of 200 bytes are refused however large the buffer.
@@ -178,9 +171,7 @@ TEST_F(FilesTest, DirectoriesAreMadeListedAndDeleted) {
   EXPECT_EQ(rsn, FILE_RSN_ENTRY_TOO_LONG);
   directoryClose(directory, &rc, &rsn);
   unlink(path("sub/" + std::string(200, 'n')).c_str());
-  EXPECT_EQ(directoryDelete(sub.c_str(), &rc, &rsn), 0);
-  EXPECT_EQ(directoryOpen(sub.c_str(), &rc, &rsn), nullptr);
-  EXPECT_EQ(rc, ENOENT);
+  EXPECT_EQ(outcome(directoryDelete(sub.c_str(), &rc, &rsn)), std::pair(0, 0));
 }
 
 TEST_F(FilesTest, TraceLevelGatesMessages) {

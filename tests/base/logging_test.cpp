@@ -99,41 +99,32 @@ TEST_P(ComponentTreeTest, LevelsAreInheritedDownThePath) {
 
 INSTANTIATE_TEST_SUITE_P(Vendors, ComponentTreeTest, testing::Values(77, 0x1234));
 
-TEST_F(LoggingTest, StandardDestinations) {
+TEST_F(LoggingTest, StandardDestinationsAndBadOnes) {
   logConfigureStandardDestinations(context);
-  uint64_t quiet = componentId(77, 1, 0, 0);
-  uint64_t loud = componentId(77, 1, 1, 0);
+  uint64_t quiet = componentId(77, 1, 0, 0), loud = componentId(77, 1, 1, 0);
+  uint64_t far = componentId(77, 3, 0, 0), idle = componentId(77, 4, 0, 0);
   logConfigureComponent(context, quiet, "QUIET", LOG_DEST_DEV_NULL, 1);
   logConfigureComponent(context, loud, "LOUD", LOG_DEST_PRINTF_STDOUT, 1);
-  EXPECT_EQ(mfatest::captureStdout([&] { tvklog(context, quiet, 1, "hidden %d", 1); }),
-            "dev/null case");
-  EXPECT_EQ(mfatest::captureStdout([&] { tvklog(context, loud, 1, "shown %d\n", 2); }),
-            "shown 2\n");
-  logConfigureComponent(context, loud, "LOUD", LOG_DEST_PRINTF_STDERR, 1);
-  EXPECT_EQ(mfatest::captureStderr([&] { tvklog(context, loud, 1, "to stderr"); }), "to stderr");
-}
-
-TEST_F(LoggingTest, BadDestinationsAreReportedNotFollowed) {
-  std::string out = mfatest::captureStdout([&] {
-    EXPECT_EQ(logConfigureDestination(context, 0x004D0020, "big", nullptr, collect), nullptr);
-  });
-  EXPECT_EQ(out, "logConfigureDestination: destination ID too big 32, original ID 0x4D0020\n\n");
-
-  uint64_t far = componentId(77, 3, 0, 0);
-  uint64_t idle = componentId(77, 4, 0, 0);
   logConfigureComponent(context, far, "FAR", 0x004D0028, 1);
   logConfigureComponent(context, idle, "IDLE", 0x004D0005, 1);
   const char bytes[4] = {1, 2, 3, 4};
-  out = mfatest::captureStdout([&] {
+  std::string out = mfatest::captureStdout([&] {
+    EXPECT_EQ(logConfigureDestination(context, 0x004D0020, "big", nullptr, collect), nullptr);
+    tvklog(context, quiet, 1, "hidden %d", 1);
+    tvklog(context, loud, 1, "shown %d\n", 2);
     tvklog(context, far, 1, "x");
     tvkdump(context, far, 1, bytes, 4);
     tvklog(context, idle, 1, "x");
     tvkdump(context, idle, 1, bytes, 4);
   });
-  EXPECT_EQ(out, "Destination 40 is out of range (log)\n\n"
+  EXPECT_EQ(out, "logConfigureDestination: destination ID too big 32, original ID 0x4D0020\n\n"
+                 "dev/null caseshown 2\n"
+                 "Destination 40 is out of range (log)\n\n"
                  "Destination 40 is out of range (dump)\n\n"
                  "Destination 5 is not initialized for logging\n\n"
                  "Destination 5 is not initialized for dumping\n\n");
+  logConfigureComponent(context, loud, "LOUD", LOG_DEST_PRINTF_STDERR, 1);
+  EXPECT_EQ(mfatest::captureStderr([&] { tvklog(context, loud, 1, "to stderr"); }), "to stderr");
 }
 
 TEST_F(LoggingTest, DumpShowsHexAndEbcdicText) {

@@ -4,7 +4,6 @@
 
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "support/env.h"
 
@@ -22,7 +21,7 @@ std::string encode(const std::string &bytes, int ebcdic = 0) {
 
 // Decoded bytes, or "<n>" for a negative result.
 std::string decode(const std::string &text) {
-  char out[64];
+  char out[256];
   int n = decodeBase64(text.c_str(), out);
   return n < 0 ? "<" + std::to_string(n) + ">" : std::string(out, static_cast<size_t>(n));
 }
@@ -58,23 +57,14 @@ TEST(Base64, EncodesWithPaddingAndDecodesPartialGroups) {
   char buffer[8];
   EXPECT_EQ(decodeBase64Unterminated("QUJDxxxx", buffer, 4), 3);
   EXPECT_EQ(std::string(buffer, 3), "ABC");
-}
 
-TEST(Base64, EveryByteValueRoundTrips) {
+  // Every byte value, hence every character, and the remainders 1 and 2.
   std::string bytes;
-  for (int i = 0; i < 256; i++) {
+  for (int i = 0; i < 256; i++)
     bytes.push_back(static_cast<char>(i));
-  }
-  for (size_t length : {1u, 2u, 3u, 47u, 256u}) {
-    std::string part = bytes.substr(256 - length);
-    std::string text = encode(part);
-    std::vector<char> out(length + 3);
-    ASSERT_EQ(decodeBase64(text.c_str(), out.data()), static_cast<int>(length));
-    EXPECT_EQ(std::string(out.data(), length), part);
-  }
-}
+  for (size_t length : {256u, 47u, 2u})
+    EXPECT_EQ(decode(encode(bytes.substr(256 - length))), bytes.substr(256 - length));
 
-TEST(Base64, EncodesIntoAShortLivedHeap) {
   ShortLivedHeap *slh = makeShortLivedHeap(1024, 4);
   int length = -1;
   EXPECT_STREQ(encodeBase64(slh, "AB", 2, &length, 0), "QUI=");
@@ -82,7 +72,7 @@ TEST(Base64, EncodesIntoAShortLivedHeap) {
   SLHFree(slh);
 }
 
-TEST(Base64Url, ConvertsBothWays) {
+TEST(Base64Url, ConvertsBothWaysWithinTheCapacity) {
   char text[16] = "+/+/ab==";
   EXPECT_EQ(base64ToBase64url(text), 6);
   EXPECT_STREQ(text, "-_-_ab");
@@ -97,17 +87,15 @@ TEST(Base64Url, ConvertsBothWays) {
   EXPECT_STREQ(four, "ab/d");
   char five[16] = "abcde";
   EXPECT_EQ(base64urlToBase64(five, sizeof five), -3);
-}
 
-TEST(Base64Url, PaddingMustFitTheCapacity) {
   // "ab" needs "==" and a terminator: five bytes.
   char buffer[8] = "ab";
   EXPECT_EQ(base64urlToBase64(buffer, 3), -2);
   EXPECT_EQ(base64urlToBase64(buffer, 4), -1);
   EXPECT_STREQ(buffer, "ab");
   EXPECT_EQ(base64urlToBase64(buffer, 5), 2);
-  char three[8] = "abc";
-  EXPECT_EQ(base64urlToBase64(three, 4), -1);
+  char tight[8] = "abc";
+  EXPECT_EQ(base64urlToBase64(tight, 4), -1);
   char full[4] = {'a', 'b', 'c', 'd'}; // no terminator within the capacity
   EXPECT_EQ(base64urlToBase64(full, sizeof full), -1);
 }
