@@ -53,7 +53,7 @@ struct Exact {
     memset(bytes.get(), fill, size);
   }
   explicit Exact(std::string_view text) : Exact(text.size()) { memcpy(bytes.get(), text.data(), size); }
-  char *data() { return bytes.get(); }
+  char *data() const { return bytes.get(); }
   std::string_view view() const { return {bytes.get(), size}; }
   // True when every byte still holds fill.
   bool untouched(char fill = '\xA5') const {

@@ -17,7 +17,7 @@
 
 namespace {
 
-using fuzzcheck::Tag;
+using fuzzcheck::sameText;
 using fuzzcheck::Tags;
 
 constexpr char kUserid[] = "fuzz user";
@@ -155,10 +155,6 @@ Model readModel(const Buffer &buffer, uint32_t numFactors, uint32_t numPolicies,
   }
   model.status = 0;
   return model;
-}
-
-bool sameText(const char *text, const std::optional<std::string> &expected) {
-  return fuzzcheck::sameText(text, expected);
 }
 
 // One factor of a record against the model, and what can be done with it:

@@ -12,7 +12,6 @@
 
 namespace {
 
-using fuzzcheck::Tag;
 using fuzzcheck::Tags;
 
 std::optional<std::string> stringOf(const Json *value) {
@@ -64,14 +63,14 @@ void checkList(factorTag *first, uint32_t count, Tags &expected, int messageLeng
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const fuzzcheck::Exact text =
       fuzzcheck::terminated({reinterpret_cast<const char *>(data), size});
-  const size_t length = strlen(text.bytes.get());
+  const size_t length = strlen(text.data());
   const int messageLength = static_cast<int>(length % 61);
 
   // Parsed here as the stored-shape reader parses it: the whole text up to
   // its NUL, in a heap of the same size.
   ShortLivedHeap *slh = makeShortLivedHeap(65536, 8);
   FUZZ_EXPECT(slh != nullptr);
-  Json *root = jsonParseUnterminatedString(slh, text.bytes.get(), static_cast<int>(length),
+  Json *root = jsonParseUnterminatedString(slh, text.data(), static_cast<int>(length),
                                            nullptr, 0);
 
   Tags expected;
@@ -80,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       expected.push_back({p->key, stringOf(p->value)});
   factorData stored{};
   uint32_t count = 0xFFFFFFFF;
-  createFactorTags(text.bytes.get(), &stored, &count);
+  createFactorTags(text.data(), &stored, &count);
   checkList(stored.tags, count, expected, messageLength);
   factorTagList_destroy(stored.tags);
 

@@ -6,10 +6,9 @@
 # committed seeds) and fuzz/regressions (inputs that once broke a target)
 # named NAME, or a prefix of NAME ending before "_" (fuzz/corpus/json serves
 # json_parse and json_roundtrip); the JSON targets also read the public JSON
-# test corpus when it is present. fuzz/NAME.dict is used as a dictionary when
-# it exists. Inputs a run finds new go to fuzz/corpus-run/NAME (not
-# committed); an input that breaks a target is copied to
-# fuzz/regressions/NAME, where the test suite replays it.
+# test corpus when it is present. Inputs a run finds new go to
+# fuzz/corpus-run/NAME (not committed); an input that breaks a target is
+# copied to fuzz/regressions/NAME, where the test suite replays it.
 
 fuzz_root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 fuzz_build_dir=$fuzz_root/build-fuzz
@@ -47,7 +46,6 @@ fuzz_run_target() {
   local log=$fuzz_build_dir/$target.log prefix=$fuzz_build_dir/$target-
   local options=(-max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1
     -artifact_prefix="$prefix")
-  [ -f "$fuzz_root/fuzz/$target.dict" ] && options+=(-dict="$fuzz_root/fuzz/$target.dict")
   mapfile -t inputs < <(fuzz_input_dirs "$target")
   mkdir -p "$fuzz_root/fuzz/corpus-run/$target"
   rm -f "$prefix"crash-* "$prefix"leak-* "$prefix"oom-* "$prefix"timeout-*
