@@ -1,6 +1,7 @@
 #include "base/alloc.h"
 #include "base/alloc_internal.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstdarg>
 #include <cstdio>
@@ -15,6 +16,7 @@ int mallocTraceLevel = 0;
 
 constexpr int kBigAlloc = 10485760;    // 10 MiB
 constexpr int kBigAlloc64 = 536870912; // 512 MiB
+constexpr int kCallocSize = 128 * 1024;
 
 // The size diagnostics that every checked allocation prints before it asks
 // the system heap; `gated` variants stay silent at trace level 0.
@@ -34,32 +36,96 @@ void reportSuspiciousSize(int size, const char *label, int threshold, bool gated
 char *checkedAllocate(int size, const char *label, int threshold, bool gated,
                       int *progress = nullptr) {
   reportSuspiciousSize(size, label, threshold, gated);
-  char *piece = static_cast<char *>(malloc(static_cast<size_t>(static_cast<long>(size))));
+  // A large piece is left to calloc, which skips the clearing where the
+  // system heap knows the memory is fresh from the kernel, so that it costs
+  // only the pages used; calloc bypasses the system heap's per-thread cache,
+  // which serves the small pieces faster.
+  size_t bytes = static_cast<size_t>(static_cast<long>(size));
+  bool small = size >= 0 && size < kCallocSize;
+  char *piece = static_cast<char *>(small ? malloc(bytes) : calloc(1, bytes));
+  if (piece != nullptr && small)
+    memset(piece, 0, bytes);
   if (piece == nullptr) {
     printf("MALLOC failed, got NULL for size %d at site %s\n", size, label);
     if (progress)
       *progress = 2182;
     return nullptr;
   }
-  if (progress)
-    *progress = 2179;
-  if (size > 0)
-    memset(piece, 0, static_cast<size_t>(size));
   if (progress) {
+    *progress = 2179;
     *progress = 2180;
     *progress = 2182;
   }
   return piece;
 }
 
-// Released memory is wiped first so that no secret outlives its owner.
-void wipeAndRelease(void *pointer, int size) {
+// Released memory is wiped first so that no secret outlives its owner. Only
+// the first `used` bytes need it when the rest was never written: that part
+// is still as zero-filled.
+void wipeAndRelease(void *pointer, int used) {
   if (pointer == nullptr)
     return;
-  if (size > 0)
-    explicit_bzero(pointer, static_cast<size_t>(size));
+  if (used > 0)
+    explicit_bzero(pointer, static_cast<size_t>(used));
   free(pointer);
 }
+
+// Ordinary blocks of released heaps, kept by each thread for its next heap.
+// SLHFree wipes what a block handed out, which leaves it zero-filled as when
+// it was obtained, so a heap that takes it skips clearing the whole block
+// again: a small parse in a 64 KiB heap touches only what it uses. At most
+// four blocks of up to 64 KiB, released when the thread ends.
+class KeptBlocks {
+public:
+  static constexpr int kSlots = 4;
+  static constexpr uint32_t kLargest = 64 * 1024;
+
+  ~KeptBlocks() {
+    for (int i = 0; i < count_; i++)
+      free(slots_[i].data);
+  }
+
+  // A zero-filled block of exactly size bytes, or null.
+  char *take(uint32_t size) {
+    for (int i = count_ - 1; i >= 0; i--) {
+      if (slots_[i].size == size) {
+        char *data = slots_[i].data;
+        slots_[i] = slots_[--count_];
+        return data;
+      }
+    }
+    return nullptr;
+  }
+
+  // Wipes the first used bytes of a block and keeps it if it is small
+  // enough, giving up the oldest kept block when full. Returns the wiped
+  // block that is not kept, for release, or null.
+  char *keep(char *data, uint32_t size, int used) {
+    if (used > 0)
+      explicit_bzero(data, static_cast<size_t>(used));
+    if (size > kLargest)
+      return data;
+    char *dropped = nullptr;
+    if (count_ == kSlots) {
+      dropped = slots_[0].data;
+      for (int i = 1; i < kSlots; i++)
+        slots_[i - 1] = slots_[i];
+      count_--;
+    }
+    slots_[count_++] = {data, size};
+    return dropped;
+  }
+
+private:
+  struct Slot {
+    char *data;
+    uint32_t size;
+  };
+  Slot slots_[kSlots] = {};
+  int count_ = 0;
+};
+
+thread_local KeptBlocks keptBlocks;
 
 char *copyWithTerminator(char *target, const char *bytes, int length) {
   if (target == nullptr)
@@ -71,6 +137,77 @@ char *copyWithTerminator(char *target, const char *bytes, int length) {
 }
 
 } // namespace
+
+// Beyond the common case: a new block, an oversize block, a request of 0
+// bytes or less, or a refusal.
+char *slhAllocateSlowly(ShortLivedHeap *slh, int32_t rounded) {
+  int64_t capacity = static_cast<int64_t>(slh->remaining) +
+                     static_cast<int64_t>(slh->blockSize) *
+                         (static_cast<int64_t>(slh->maxBlocks) - slh->blockCount);
+  if (rounded > capacity) {
+    printf("cannot allocate above block size %d > %d mb %d bc %d\n", rounded,
+           static_cast<int>(capacity), slh->maxBlocks, slh->blockCount);
+    return nullptr;
+  }
+  if (rounded < 0)
+    return nullptr;
+  if (rounded == 0)
+    return slh->nextFree;
+
+  if (static_cast<uint32_t>(rounded) > slh->blockSize) {
+    slh->blockCount++;
+    char *block = safeMalloc31(rounded, "SLH Oversize Extend");
+    if (block == nullptr) {
+      reportSLHFailure(slh, rounded);
+      return nullptr;
+    }
+    if (slh->segmentList != nullptr) {
+      // Behind the current block, which keeps serving small pieces.
+      ListElt *element = cons(block, slh->segmentList->next, static_cast<uint32_t>(rounded));
+      if (element == nullptr) {
+        safeFree31(block, rounded);
+        return nullptr;
+      }
+      slh->segmentList->next = element;
+    } else {
+      ListElt *element = cons(block, nullptr, static_cast<uint32_t>(rounded));
+      if (element == nullptr) {
+        safeFree31(block, rounded);
+        return nullptr;
+      }
+      slh->segmentList = element;
+      slh->nextFree = block;
+      slh->remaining = 0;
+    }
+    return block;
+  }
+
+  if (slh->nextFree == nullptr || static_cast<uint32_t>(rounded) > slh->remaining) {
+    slh->blockCount++;
+    int blockSize = static_cast<int>(slh->blockSize);
+    char *block = keptBlocks.take(slh->blockSize);
+    if (block == nullptr)
+      block = safeMalloc31(blockSize, "SLH Extend");
+    if (block == nullptr) {
+      reportSLHFailure(slh, rounded);
+      return nullptr;
+    }
+    ListElt *element = cons(block, slh->segmentList, slh->blockSize);
+    if (element == nullptr) {
+      safeFree31(block, blockSize);
+      return nullptr;
+    }
+    slh->segmentList = element;
+    slh->nextFree = block;
+    slh->remaining = slh->blockSize;
+  }
+
+  char *piece = slh->nextFree;
+  slh->nextFree += rounded;
+  slh->remaining -= static_cast<uint32_t>(rounded);
+  return piece;
+}
+
 
 extern "C" {
 
@@ -118,6 +255,9 @@ void free31(void *pointer, int size) {
 
 void safeFree(char *pointer, int size) {
   wipeAndRelease(pointer, size);
+}
+void safeFreeUsed(char *pointer, int size, int used) {
+  wipeAndRelease(pointer, std::min(used, size));
 }
 void safeFree31(char *pointer, int size) {
   wipeAndRelease(pointer, size);
@@ -199,72 +339,7 @@ void reportSLHFailure(ShortLivedHeap *slh, int size) {
 }
 
 char *SLHAlloc(ShortLivedHeap *slh, int size) {
-  if (slh == nullptr)
-    return nullptr;
-  int32_t rounded = static_cast<int32_t>((static_cast<uint32_t>(size) + 7u) & ~7u);
-  int64_t capacity = static_cast<int64_t>(slh->remaining) +
-                     static_cast<int64_t>(slh->blockSize) *
-                         (static_cast<int64_t>(slh->maxBlocks) - slh->blockCount);
-  if (rounded > capacity) {
-    printf("cannot allocate above block size %d > %d mb %d bc %d\n", rounded,
-           static_cast<int>(capacity), slh->maxBlocks, slh->blockCount);
-    return nullptr;
-  }
-  if (rounded < 0)
-    return nullptr;
-  if (rounded == 0)
-    return slh->nextFree;
-
-  if (static_cast<uint32_t>(rounded) > slh->blockSize) {
-    slh->blockCount++;
-    char *block = safeMalloc31(rounded, "SLH Oversize Extend");
-    if (block == nullptr) {
-      reportSLHFailure(slh, rounded);
-      return nullptr;
-    }
-    if (slh->segmentList != nullptr) {
-      // Behind the current block, which keeps serving small pieces.
-      ListElt *element = cons(block, slh->segmentList->next, static_cast<uint32_t>(rounded));
-      if (element == nullptr) {
-        safeFree31(block, rounded);
-        return nullptr;
-      }
-      slh->segmentList->next = element;
-    } else {
-      ListElt *element = cons(block, nullptr, static_cast<uint32_t>(rounded));
-      if (element == nullptr) {
-        safeFree31(block, rounded);
-        return nullptr;
-      }
-      slh->segmentList = element;
-      slh->nextFree = block;
-      slh->remaining = 0;
-    }
-    return block;
-  }
-
-  if (slh->nextFree == nullptr || static_cast<uint32_t>(rounded) > slh->remaining) {
-    slh->blockCount++;
-    int blockSize = static_cast<int>(slh->blockSize);
-    char *block = safeMalloc31(blockSize, "SLH Extend");
-    if (block == nullptr) {
-      reportSLHFailure(slh, rounded);
-      return nullptr;
-    }
-    ListElt *element = cons(block, slh->segmentList, slh->blockSize);
-    if (element == nullptr) {
-      safeFree31(block, blockSize);
-      return nullptr;
-    }
-    slh->segmentList = element;
-    slh->nextFree = block;
-    slh->remaining = slh->blockSize;
-  }
-
-  char *piece = slh->nextFree;
-  slh->nextFree += rounded;
-  slh->remaining -= static_cast<uint32_t>(rounded);
-  return piece;
+  return SLHAllocInline(slh, size);
 }
 
 void SLHFree(ShortLivedHeap *slh) {
@@ -273,7 +348,18 @@ void SLHFree(ShortLivedHeap *slh) {
   ListElt *element = slh->segmentList;
   while (element != nullptr) {
     ListElt *next = element->next;
-    safeFree31(element->data, static_cast<int>(element->size));
+    bool ordinary = element->size == slh->blockSize;
+    // Only the current block can have a part never handed out: what an
+    // earlier ordinary block left is smaller than the piece that made the
+    // heap move on, and an oversize block is handed out whole. Past the next
+    // free byte the current block is still zero-filled.
+    int used = ordinary && element == slh->segmentList
+                   ? static_cast<int>(slh->nextFree - element->data)
+                   : static_cast<int>(element->size);
+    if (ordinary)
+      free(keptBlocks.keep(element->data, element->size, used));
+    else
+      wipeAndRelease(element->data, used);
     safeFreeRecord(element);
     element = next;
   }
