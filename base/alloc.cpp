@@ -10,6 +10,17 @@
 #include <string_view>
 #include <utility>
 
+#if defined(__SANITIZE_ADDRESS__)
+#define MFA_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define MFA_ASAN 1
+#endif
+#endif
+#ifdef MFA_ASAN
+#include <sanitizer/asan_interface.h>
+#endif
+
 namespace {
 
 int mallocTraceLevel = 0;
@@ -81,8 +92,10 @@ public:
   static constexpr uint32_t kLargest = 64 * 1024;
 
   ~KeptBlocks() {
-    for (int i = 0; i < count_; i++)
+    for (int i = 0; i < count_; i++) {
+      setUsable(slots_[i].data, slots_[i].size, true);
       free(slots_[i].data);
+    }
   }
 
   // A zero-filled block of exactly size bytes, or null.
@@ -91,6 +104,7 @@ public:
       if (slots_[i].size == size) {
         char *data = slots_[i].data;
         slots_[i] = slots_[--count_];
+        setUsable(data, size, true);
         return data;
       }
     }
@@ -108,15 +122,29 @@ public:
     char *dropped = nullptr;
     if (count_ == kSlots) {
       dropped = slots_[0].data;
+      setUsable(dropped, slots_[0].size, true);
       for (int i = 1; i < kSlots; i++)
         slots_[i - 1] = slots_[i];
       count_--;
     }
+    setUsable(data, size, false);
     slots_[count_++] = {data, size};
     return dropped;
   }
 
 private:
+  // Under AddressSanitizer a kept block is out of bounds, as if released, so
+  // that a tree used after its heap was released is still caught.
+  static void setUsable([[maybe_unused]] char *data, [[maybe_unused]] uint32_t size,
+                        [[maybe_unused]] bool usable) {
+#ifdef MFA_ASAN
+    if (usable)
+      ASAN_UNPOISON_MEMORY_REGION(data, size);
+    else
+      ASAN_POISON_MEMORY_REGION(data, size);
+#endif
+  }
+
   struct Slot {
     char *data;
     uint32_t size;
