@@ -86,17 +86,14 @@ void wipeAndRelease(void *pointer, int used) {
 // it was obtained, so a heap that takes it skips clearing the whole block
 // again: a small parse in a 64 KiB heap touches only what it uses. At most
 // four blocks of up to 64 KiB, released when the thread ends.
+//
+// The record itself has no destructor, so that a heap released later still
+// finds it (static objects are destroyed after the thread's own): once
+// closed it keeps nothing.
 class KeptBlocks {
 public:
   static constexpr int kSlots = 4;
   static constexpr uint32_t kLargest = 64 * 1024;
-
-  ~KeptBlocks() {
-    for (int i = 0; i < count_; i++) {
-      setUsable(slots_[i].data, slots_[i].size, true);
-      free(slots_[i].data);
-    }
-  }
 
   // A zero-filled block of exactly size bytes, or null.
   char *take(uint32_t size) {
@@ -114,22 +111,16 @@ public:
   // Wipes the first used bytes of a block and keeps it if it is small
   // enough, giving up the oldest kept block when full. Returns the wiped
   // block that is not kept, for release, or null.
-  char *keep(char *data, uint32_t size, int used) {
-    if (used > 0)
-      explicit_bzero(data, static_cast<size_t>(used));
-    if (size > kLargest)
-      return data;
-    char *dropped = nullptr;
-    if (count_ == kSlots) {
-      dropped = slots_[0].data;
-      setUsable(dropped, slots_[0].size, true);
-      for (int i = 1; i < kSlots; i++)
-        slots_[i - 1] = slots_[i];
-      count_--;
+  char *keep(char *data, uint32_t size, int used);
+
+  // Releases what is kept; nothing is kept afterwards.
+  void close() {
+    closed_ = true;
+    for (int i = 0; i < count_; i++) {
+      setUsable(slots_[i].data, slots_[i].size, true);
+      free(slots_[i].data);
     }
-    setUsable(data, size, false);
-    slots_[count_++] = {data, size};
-    return dropped;
+    count_ = 0;
   }
 
 private:
@@ -149,11 +140,41 @@ private:
     char *data;
     uint32_t size;
   };
-  Slot slots_[kSlots] = {};
-  int count_ = 0;
+  Slot slots_[kSlots];
+  int count_;
+  bool closed_;
+  bool closing_; // the thread will close it when it ends
 };
 
 thread_local KeptBlocks keptBlocks;
+
+// Closes the thread's kept blocks when the thread ends.
+struct KeptBlocksCloser {
+  ~KeptBlocksCloser() { keptBlocks.close(); }
+};
+thread_local KeptBlocksCloser keptBlocksCloser;
+
+char *KeptBlocks::keep(char *data, uint32_t size, int used) {
+  if (used > 0)
+    explicit_bzero(data, static_cast<size_t>(used));
+  if (size > kLargest || closed_)
+    return data;
+  if (!closing_) {
+    [[maybe_unused]] KeptBlocksCloser *closer = &keptBlocksCloser; // registers its destructor
+    closing_ = true;
+  }
+  char *dropped = nullptr;
+  if (count_ == kSlots) {
+    dropped = slots_[0].data;
+    setUsable(dropped, slots_[0].size, true);
+    for (int i = 1; i < kSlots; i++)
+      slots_[i - 1] = slots_[i];
+    count_--;
+  }
+  setUsable(data, size, false);
+  slots_[count_++] = {data, size};
+  return dropped;
+}
 
 char *copyWithTerminator(char *target, const char *bytes, int length) {
   if (target == nullptr)

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <thread>
 
 using mfatest::captureStdout;
 
@@ -99,6 +100,17 @@ TEST(ShortLivedHeap, ReleasedBlocksComeBackZeroFilled) {
       EXPECT_EQ(std::count(piece, piece + 8192, 0), 8192) << round << " " << block;
     }
   }
+}
+
+TEST(ShortLivedHeap, AThreadReleasesTheBlocksItKeptWhenItEnds) {
+  // The leak check of the sanitizer build fails this test otherwise.
+  std::thread worker([] {
+    for (int blockSize : {4096, 8192}) {
+      Heap slh = makeHeap(blockSize, 8);
+      ASSERT_NE(SLHAlloc(slh.get(), 64), nullptr);
+    }
+  });
+  worker.join();
 }
 
 TEST(CheckedAllocation, ZeroFillsAndReportsOnlyWhenTracing) {
