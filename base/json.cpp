@@ -207,12 +207,6 @@ inline const char *runEnd(const char *p, const char *end, unsigned char stop) {
   return p;
 }
 
-inline const char *digitsEnd(const char *p, const char *end) {
-  while (p < end && isDigit(*p))
-    p++;
-  return p;
-}
-
 inline void newLine(JsonTokenizer *t) {
   if (t->line < INT_MAX)
     t->line++;
@@ -368,26 +362,24 @@ std::string_view tokenText(const JsonParser *parser, const JsonToken *token) {
 void scanString(JsonParser *parser, JsonToken *token) {
   JsonTokenizer *t = parser->tokenizer;
   t->pushback = 0;
-  const char *start = t->next, *p = start, *end = t->end;
+  const char *start = t->next;
   int64_t length = 0;
   bool escapes = false;
   int type = JSON_TOKEN_STRING;
   for (;;) {
-    const char *run = runEnd(p, end, kStringStop);
-    length += run - p;
+    const char *run = runEnd(t->next, t->end, kStringStop);
+    length += run - t->next;
     if (length > kLongestString) {
       t->next = run - (length - kLongestString) + 1; // past the byte that did not fit
       return setToken(token, JSON_TOKEN_STRING_TOO_LONG, kTextEmpty);
     }
-    t->next = p = run;
+    t->next = run;
     int c = readChar(t);
-    p = t->next;
     if (c == '"')
       break;
     if (c == '\\') {
       escapes = true;
       c = readChar(t);
-      p = t->next;
     } else if (c == '\n') {
       c = kEndOfInput; // unescaped, it ends the string as the end does
       t->pushback = '\n';
@@ -434,7 +426,14 @@ const char *scanDigits(JsonTokenizer *t, uint64_t *value) {
   return p;
 }
 
-// What strtoll makes of the text of a number: saturated at the 64-bit limits.
+// What strtoll makes of a sign and a magnitude: saturated at the 64-bit limits.
+int64_t signedValue(bool negative, uint64_t magnitude) {
+  if (negative)
+    return magnitude > uint64_t{1} << 63 ? INT64_MIN : static_cast<int64_t>(0 - magnitude);
+  return magnitude > INT64_MAX ? INT64_MAX : static_cast<int64_t>(magnitude);
+}
+
+// What strtoll makes of the text of a number, however long.
 int64_t integerValue(std::string_view text) {
   bool negative = !text.empty() && text.front() == '-';
   uint64_t magnitude = 0;
@@ -444,9 +443,7 @@ int64_t integerValue(std::string_view text) {
       return negative ? INT64_MIN : INT64_MAX;
     magnitude = magnitude * 10 + digit;
   }
-  if (negative)
-    return magnitude > uint64_t{1} << 63 ? INT64_MIN : static_cast<int64_t>(0 - magnitude);
-  return magnitude > INT64_MAX ? INT64_MAX : static_cast<int64_t>(magnitude);
+  return signedValue(negative, magnitude);
 }
 
 // The held '-' or digit. The first dialect takes an optional '-' and digits;
@@ -470,12 +467,8 @@ void scanNumber(JsonParser *parser, JsonToken *token) {
                                                          : JSON_TOKEN_DOUBLE;
   if (type != JSON_TOKEN_DOUBLE) {
     setSpanToken(t, token, type, start, last);
-    if (last - start - (negative ? 1 : 0) > 19)
-      t->integer = integerValue(tokenText(parser, token));
-    else if (negative)
-      t->integer = magnitude > uint64_t{1} << 63 ? INT64_MIN : static_cast<int64_t>(0 - magnitude);
-    else
-      t->integer = magnitude > INT64_MAX ? INT64_MAX : static_cast<int64_t>(magnitude);
+    bool exact = last - start - (negative ? 1 : 0) <= 19;
+    t->integer = exact ? signedValue(negative, magnitude) : integerValue(tokenText(parser, token));
     return;
   }
   const char *point = t->next - 1;
