@@ -190,7 +190,7 @@ char *copyWithTerminator(char *target, const char *bytes, int length) {
 // Beyond the common case: a new block, an oversize block, a request of 0
 // bytes or less, or a refusal. Kept out of SLHAlloc, whose common case then
 // needs no stack frame.
-[[gnu::noinline]] char *slhAllocateSlowly(ShortLivedHeap *slh, int32_t rounded) {
+extern "C" [[gnu::noinline]] char *slhAllocateSlowly(ShortLivedHeap *slh, int32_t rounded) {
   int64_t capacity = static_cast<int64_t>(slh->remaining) +
                      static_cast<int64_t>(slh->blockSize) *
                          (static_cast<int64_t>(slh->maxBlocks) - slh->blockCount);

@@ -63,6 +63,10 @@ ShortLivedHeap *makeShortLivedHeapInternal(int blockSize, int maxBlocks, int abo
 // Pieces are never released individually and are not cleared again.
 char *SLHAlloc(ShortLivedHeap *slh, int size);
 
+// The part of SLHAlloc beyond the common case (the piece does not fit the
+// current block), for SLHAllocInline; rounded is the size rounded up to 8.
+char *slhAllocateSlowly(ShortLivedHeap *slh, int32_t rounded);
+
 // Releases every block, every list element and the heap itself, each wiped
 // where it was handed out. Accepts null. A thread keeps a few of the wiped
 // ordinary blocks for its next heaps; they go back to the system heap when
@@ -132,9 +136,6 @@ char *stringListPrint(StringList *list, int skip, int maximum, const char *separ
 
 #ifdef __cplusplus
 }
-
-// The part of SLHAlloc beyond the common case; size is already rounded.
-char *slhAllocateSlowly(ShortLivedHeap *slh, int32_t rounded);
 
 // SLHAlloc, with the common case inline for C++ callers that carve many
 // small pieces: the piece fits the current block.
