@@ -1,6 +1,7 @@
 #include "base/alloc.h"
 #include "base/alloc_internal.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstdarg>
 #include <cstdio>
@@ -9,12 +10,24 @@
 #include <string_view>
 #include <utility>
 
+#if defined(__SANITIZE_ADDRESS__)
+#define MFA_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define MFA_ASAN 1
+#endif
+#endif
+#ifdef MFA_ASAN
+#include <sanitizer/asan_interface.h>
+#endif
+
 namespace {
 
 int mallocTraceLevel = 0;
 
 constexpr int kBigAlloc = 10485760;    // 10 MiB
 constexpr int kBigAlloc64 = 536870912; // 512 MiB
+constexpr int kCallocSize = 128 * 1024;
 
 // The size diagnostics that every checked allocation prints before it asks
 // the system heap; `gated` variants stay silent at trace level 0.
@@ -34,31 +47,133 @@ void reportSuspiciousSize(int size, const char *label, int threshold, bool gated
 char *checkedAllocate(int size, const char *label, int threshold, bool gated,
                       int *progress = nullptr) {
   reportSuspiciousSize(size, label, threshold, gated);
-  char *piece = static_cast<char *>(malloc(static_cast<size_t>(static_cast<long>(size))));
+  // A large piece is left to calloc, which skips the clearing where the
+  // system heap knows the memory is fresh from the kernel, so that it costs
+  // only the pages used; calloc bypasses the system heap's per-thread cache,
+  // which serves the small pieces faster.
+  size_t bytes = static_cast<size_t>(static_cast<long>(size));
+  bool small = size >= 0 && size < kCallocSize;
+  char *piece = static_cast<char *>(small ? malloc(bytes) : calloc(1, bytes));
+  if (piece != nullptr && small)
+    memset(piece, 0, bytes);
   if (piece == nullptr) {
     printf("MALLOC failed, got NULL for size %d at site %s\n", size, label);
     if (progress)
       *progress = 2182;
     return nullptr;
   }
-  if (progress)
-    *progress = 2179;
-  if (size > 0)
-    memset(piece, 0, static_cast<size_t>(size));
   if (progress) {
+    *progress = 2179;
     *progress = 2180;
     *progress = 2182;
   }
   return piece;
 }
 
-// Released memory is wiped first so that no secret outlives its owner.
-void wipeAndRelease(void *pointer, int size) {
+// Released memory is wiped first so that no secret outlives its owner. Only
+// the first `used` bytes need it when the rest was never written: that part
+// is still as zero-filled.
+void wipeAndRelease(void *pointer, int used) {
   if (pointer == nullptr)
     return;
-  if (size > 0)
-    explicit_bzero(pointer, static_cast<size_t>(size));
+  if (used > 0)
+    explicit_bzero(pointer, static_cast<size_t>(used));
   free(pointer);
+}
+
+// Ordinary blocks of released heaps, kept by each thread for its next heap.
+// SLHFree wipes what a block handed out, which leaves it zero-filled as when
+// it was obtained, so a heap that takes it skips clearing the whole block
+// again: a small parse in a 64 KiB heap touches only what it uses. At most
+// four blocks of up to 64 KiB, released when the thread ends.
+//
+// The record itself has no destructor, so that a heap released later still
+// finds it (static objects are destroyed after the thread's own): once
+// closed it keeps nothing.
+class KeptBlocks {
+public:
+  static constexpr int kSlots = 4;
+  static constexpr uint32_t kLargest = 64 * 1024;
+
+  // A zero-filled block of exactly size bytes, or null.
+  char *take(uint32_t size) {
+    for (int i = count_ - 1; i >= 0; i--) {
+      if (slots_[i].size == size) {
+        char *data = slots_[i].data;
+        slots_[i] = slots_[--count_];
+        setUsable(data, size, true);
+        return data;
+      }
+    }
+    return nullptr;
+  }
+
+  // Wipes the first used bytes of a block and keeps it if it is small
+  // enough, giving up the oldest kept block when full. Returns the wiped
+  // block that is not kept, for release, or null.
+  char *keep(char *data, uint32_t size, int used);
+
+  // Releases what is kept; nothing is kept afterwards.
+  void close() {
+    closed_ = true;
+    for (int i = 0; i < count_; i++) {
+      setUsable(slots_[i].data, slots_[i].size, true);
+      free(slots_[i].data);
+    }
+    count_ = 0;
+  }
+
+private:
+  // Under AddressSanitizer a kept block is out of bounds, as if released, so
+  // that a tree used after its heap was released is still caught.
+  static void setUsable([[maybe_unused]] char *data, [[maybe_unused]] uint32_t size,
+                        [[maybe_unused]] bool usable) {
+#ifdef MFA_ASAN
+    if (usable)
+      ASAN_UNPOISON_MEMORY_REGION(data, size);
+    else
+      ASAN_POISON_MEMORY_REGION(data, size);
+#endif
+  }
+
+  struct Slot {
+    char *data;
+    uint32_t size;
+  };
+  Slot slots_[kSlots];
+  int count_;
+  bool closed_;
+  bool closing_; // the thread will close it when it ends
+};
+
+thread_local KeptBlocks keptBlocks;
+
+// Closes the thread's kept blocks when the thread ends.
+struct KeptBlocksCloser {
+  ~KeptBlocksCloser() { keptBlocks.close(); }
+};
+thread_local KeptBlocksCloser keptBlocksCloser;
+
+char *KeptBlocks::keep(char *data, uint32_t size, int used) {
+  if (used > 0)
+    explicit_bzero(data, static_cast<size_t>(used));
+  if (size > kLargest || closed_)
+    return data;
+  if (!closing_) {
+    [[maybe_unused]] KeptBlocksCloser *closer = &keptBlocksCloser; // registers its destructor
+    closing_ = true;
+  }
+  char *dropped = nullptr;
+  if (count_ == kSlots) {
+    dropped = slots_[0].data;
+    setUsable(dropped, slots_[0].size, true);
+    for (int i = 1; i < kSlots; i++)
+      slots_[i - 1] = slots_[i];
+    count_--;
+  }
+  setUsable(data, size, false);
+  slots_[count_++] = {data, size};
+  return dropped;
 }
 
 char *copyWithTerminator(char *target, const char *bytes, int length) {
@@ -71,6 +186,78 @@ char *copyWithTerminator(char *target, const char *bytes, int length) {
 }
 
 } // namespace
+
+// Beyond the common case: a new block, an oversize block, a request of 0
+// bytes or less, or a refusal. Kept out of SLHAlloc, whose common case then
+// needs no stack frame.
+extern "C" [[gnu::noinline]] char *slhAllocateSlowly(ShortLivedHeap *slh, int32_t rounded) {
+  int64_t capacity = static_cast<int64_t>(slh->remaining) +
+                     static_cast<int64_t>(slh->blockSize) *
+                         (static_cast<int64_t>(slh->maxBlocks) - slh->blockCount);
+  if (rounded > capacity) {
+    printf("cannot allocate above block size %d > %d mb %d bc %d\n", rounded,
+           static_cast<int>(capacity), slh->maxBlocks, slh->blockCount);
+    return nullptr;
+  }
+  if (rounded < 0)
+    return nullptr;
+  if (rounded == 0)
+    return slh->nextFree;
+
+  if (static_cast<uint32_t>(rounded) > slh->blockSize) {
+    slh->blockCount++;
+    char *block = safeMalloc31(rounded, "SLH Oversize Extend");
+    if (block == nullptr) {
+      reportSLHFailure(slh, rounded);
+      return nullptr;
+    }
+    if (slh->segmentList != nullptr) {
+      // Behind the current block, which keeps serving small pieces.
+      ListElt *element = cons(block, slh->segmentList->next, static_cast<uint32_t>(rounded));
+      if (element == nullptr) {
+        safeFree31(block, rounded);
+        return nullptr;
+      }
+      slh->segmentList->next = element;
+    } else {
+      ListElt *element = cons(block, nullptr, static_cast<uint32_t>(rounded));
+      if (element == nullptr) {
+        safeFree31(block, rounded);
+        return nullptr;
+      }
+      slh->segmentList = element;
+      slh->nextFree = block;
+      slh->remaining = 0;
+    }
+    return block;
+  }
+
+  if (slh->nextFree == nullptr || static_cast<uint32_t>(rounded) > slh->remaining) {
+    slh->blockCount++;
+    int blockSize = static_cast<int>(slh->blockSize);
+    char *block = keptBlocks.take(slh->blockSize);
+    if (block == nullptr)
+      block = safeMalloc31(blockSize, "SLH Extend");
+    if (block == nullptr) {
+      reportSLHFailure(slh, rounded);
+      return nullptr;
+    }
+    ListElt *element = cons(block, slh->segmentList, slh->blockSize);
+    if (element == nullptr) {
+      safeFree31(block, blockSize);
+      return nullptr;
+    }
+    slh->segmentList = element;
+    slh->nextFree = block;
+    slh->remaining = slh->blockSize;
+  }
+
+  char *piece = slh->nextFree;
+  slh->nextFree += rounded;
+  slh->remaining -= static_cast<uint32_t>(rounded);
+  return piece;
+}
+
 
 extern "C" {
 
@@ -118,6 +305,9 @@ void free31(void *pointer, int size) {
 
 void safeFree(char *pointer, int size) {
   wipeAndRelease(pointer, size);
+}
+void safeFreeUsed(char *pointer, int size, int used) {
+  wipeAndRelease(pointer, std::min(used, size));
 }
 void safeFree31(char *pointer, int size) {
   wipeAndRelease(pointer, size);
@@ -199,72 +389,7 @@ void reportSLHFailure(ShortLivedHeap *slh, int size) {
 }
 
 char *SLHAlloc(ShortLivedHeap *slh, int size) {
-  if (slh == nullptr)
-    return nullptr;
-  int32_t rounded = static_cast<int32_t>((static_cast<uint32_t>(size) + 7u) & ~7u);
-  int64_t capacity = static_cast<int64_t>(slh->remaining) +
-                     static_cast<int64_t>(slh->blockSize) *
-                         (static_cast<int64_t>(slh->maxBlocks) - slh->blockCount);
-  if (rounded > capacity) {
-    printf("cannot allocate above block size %d > %d mb %d bc %d\n", rounded,
-           static_cast<int>(capacity), slh->maxBlocks, slh->blockCount);
-    return nullptr;
-  }
-  if (rounded < 0)
-    return nullptr;
-  if (rounded == 0)
-    return slh->nextFree;
-
-  if (static_cast<uint32_t>(rounded) > slh->blockSize) {
-    slh->blockCount++;
-    char *block = safeMalloc31(rounded, "SLH Oversize Extend");
-    if (block == nullptr) {
-      reportSLHFailure(slh, rounded);
-      return nullptr;
-    }
-    if (slh->segmentList != nullptr) {
-      // Behind the current block, which keeps serving small pieces.
-      ListElt *element = cons(block, slh->segmentList->next, static_cast<uint32_t>(rounded));
-      if (element == nullptr) {
-        safeFree31(block, rounded);
-        return nullptr;
-      }
-      slh->segmentList->next = element;
-    } else {
-      ListElt *element = cons(block, nullptr, static_cast<uint32_t>(rounded));
-      if (element == nullptr) {
-        safeFree31(block, rounded);
-        return nullptr;
-      }
-      slh->segmentList = element;
-      slh->nextFree = block;
-      slh->remaining = 0;
-    }
-    return block;
-  }
-
-  if (slh->nextFree == nullptr || static_cast<uint32_t>(rounded) > slh->remaining) {
-    slh->blockCount++;
-    int blockSize = static_cast<int>(slh->blockSize);
-    char *block = safeMalloc31(blockSize, "SLH Extend");
-    if (block == nullptr) {
-      reportSLHFailure(slh, rounded);
-      return nullptr;
-    }
-    ListElt *element = cons(block, slh->segmentList, slh->blockSize);
-    if (element == nullptr) {
-      safeFree31(block, blockSize);
-      return nullptr;
-    }
-    slh->segmentList = element;
-    slh->nextFree = block;
-    slh->remaining = slh->blockSize;
-  }
-
-  char *piece = slh->nextFree;
-  slh->nextFree += rounded;
-  slh->remaining -= static_cast<uint32_t>(rounded);
-  return piece;
+  return SLHAllocInline(slh, size);
 }
 
 void SLHFree(ShortLivedHeap *slh) {
@@ -273,7 +398,18 @@ void SLHFree(ShortLivedHeap *slh) {
   ListElt *element = slh->segmentList;
   while (element != nullptr) {
     ListElt *next = element->next;
-    safeFree31(element->data, static_cast<int>(element->size));
+    bool ordinary = element->size == slh->blockSize;
+    // Only the current block can have a part never handed out: what an
+    // earlier ordinary block left is smaller than the piece that made the
+    // heap move on, and an oversize block is handed out whole. Past the next
+    // free byte the current block is still zero-filled.
+    int used = ordinary && element == slh->segmentList
+                   ? static_cast<int>(slh->nextFree - element->data)
+                   : static_cast<int>(element->size);
+    if (ordinary)
+      free(keptBlocks.keep(element->data, element->size, used));
+    else
+      wipeAndRelease(element->data, used);
     safeFreeRecord(element);
     element = next;
   }

@@ -63,7 +63,14 @@ ShortLivedHeap *makeShortLivedHeapInternal(int blockSize, int maxBlocks, int abo
 // Pieces are never released individually and are not cleared again.
 char *SLHAlloc(ShortLivedHeap *slh, int size);
 
-// Releases every block, every list element and the heap itself. Accepts null.
+// The part of SLHAlloc beyond the common case (the piece does not fit the
+// current block), for SLHAllocInline; rounded is the size rounded up to 8.
+char *slhAllocateSlowly(ShortLivedHeap *slh, int32_t rounded);
+
+// Releases every block, every list element and the heap itself, each wiped
+// where it was handed out. Accepts null. A thread keeps a few of the wiped
+// ordinary blocks for its next heaps; they go back to the system heap when
+// the thread ends.
 void SLHFree(ShortLivedHeap *slh);
 
 // Prints the extension failure report for a request of size bytes.
@@ -85,6 +92,9 @@ void free31(void *pointer, int size);
 
 // Releases accept null. size must be the allocated size.
 void safeFree(char *pointer, int size);
+// As safeFree for a piece of which only the first used bytes were ever
+// written: the rest is still as zero-filled, so only those are wiped.
+void safeFreeUsed(char *pointer, int size, int used);
 void safeFree31(char *pointer, int size);
 void safeFree31Key8(char *pointer, int size);
 void safeFree64(char *pointer, int size);
@@ -125,6 +135,21 @@ char *stringListLast(StringList *list);
 char *stringListPrint(StringList *list, int skip, int maximum, const char *separator, char quote);
 
 #ifdef __cplusplus
+}
+
+// SLHAlloc, with the common case inline for C++ callers that carve many
+// small pieces: the piece fits the current block.
+inline char *SLHAllocInline(ShortLivedHeap *slh, int size) {
+  if (slh == nullptr)
+    return nullptr;
+  int32_t rounded = static_cast<int32_t>((static_cast<uint32_t>(size) + 7u) & ~7u);
+  if (rounded > 0 && static_cast<uint32_t>(rounded) <= slh->remaining) {
+    char *piece = slh->nextFree;
+    slh->nextFree += rounded;
+    slh->remaining -= static_cast<uint32_t>(rounded);
+    return piece;
+  }
+  return slhAllocateSlowly(slh, rounded);
 }
 
 // For C++ callers: one zero-filled T from safeMalloc (null when memory is

@@ -1,5 +1,6 @@
 #include "base/json.h"
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cmath>
@@ -37,6 +38,9 @@ char kTextArrayStart[] = "[";
 char kTextArrayEnd[] = "]";
 char kTextEof[] = "EOF";
 char kTextEmpty[] = "";
+char kTextTrue[] = "true";
+char kTextFalse[] = "false";
+char kTextNull[] = "null";
 
 // Character classes of the C locale, independent of the process locale.
 enum : unsigned char { kSpace = 1, kDigit = 2, kAlpha = 4 };
@@ -54,15 +58,16 @@ constexpr auto kClasses = [] {
   return t;
 }();
 
-// c is a character as delivered (a signed byte widened, or -1).
+// c is a character as delivered (a signed byte widened, or -1, which like
+// the byte 0xFF has no class).
 inline bool hasClass(int c, unsigned char cls) {
-  return (kClasses.of[static_cast<unsigned char>(c)] & cls) != 0 && c != kEndOfInput;
+  return (kClasses.of[static_cast<unsigned char>(c)] & cls) != 0;
 }
 inline bool isSpace(int c) {
   return hasClass(c, kSpace);
 }
 inline bool isDigit(int c) {
-  return hasClass(c, kDigit);
+  return static_cast<unsigned>(c - '0') < 10;
 }
 inline bool isAlpha(int c) {
   return hasClass(c, kAlpha);
@@ -149,102 +154,179 @@ CharStream *makeStream(void *source, int length, const char *label, int (*getCha
   parser->error = error;
 }
 
-// Zero-filled heap piece; a failure is recorded and null returned.
-template <typename T> T *heapAlloc(JsonParser *parser, int size = sizeof(T)) {
-  char *piece = SLHAlloc(parser->slh, size);
+// A zero-filled heap piece that starts with a copy of the first `copied`
+// bytes of from; a failure is recorded and null returned.
+char *heapPiece(JsonParser *parser, int size, const void *from = nullptr, int copied = 0) {
+  char *piece = SLHAllocInline(parser->slh, size);
   if (piece == nullptr) {
     recordFailure(parser, "not enough memory");
     return nullptr;
   }
-  memset(piece, 0, size);
+  if (copied > 0)
+    memcpy(piece, from, copied);
+  memset(piece + copied, 0, size - copied);
+  return piece;
+}
+
+template <typename T> T *heapAlloc(JsonParser *parser) {
+  char *piece = SLHAllocInline(parser->slh, sizeof(T));
+  if (piece == nullptr) {
+    recordFailure(parser, "not enough memory");
+    return nullptr;
+  }
+  memset(piece, 0, sizeof(T));
   return reinterpret_cast<T *>(piece);
 }
 
 // ---- Tokenizer ------------------------------------------------------------
+//
+// The rules are stated one character at a time (read, look ahead, take);
+// the common tokens are scanned in runs of bytes with the same outcome, and
+// the three primitives handle whatever breaks a run.
 
-// Reads one character from the stream and moves the position. The in-memory
-// stream is read inline: it is the common case and costs a few instructions.
-inline int readFromStream(JsonTokenizer *tokenizer) {
-  CharStream *stream = tokenizer->stream;
-  int c;
-  if (stream->getChar == bufferGetChar) [[likely]] {
-    c = stream->position < stream->length ? static_cast<signed char>(static_cast<const char *>(
-                                                stream->source)[stream->position++])
-                                          : kEndOfInput;
-  } else {
-    c = stream->getChar(stream);
+// Bytes that end a run: in a string, in a line comment, in a block comment.
+// Each holds the byte 0xFF, which reads as the end.
+constexpr auto kStops = [] {
+  struct {
+    unsigned char of[256] = {};
+  } t;
+  for (char c : {'"', '\\', '\n', '\xff'})
+    t.of[static_cast<unsigned char>(c)] |= 1;
+  for (char c : {'\n', '\0', '\xff'})
+    t.of[static_cast<unsigned char>(c)] |= 2;
+  for (char c : {'*', '\n', '\xff'})
+    t.of[static_cast<unsigned char>(c)] |= 4;
+  return t;
+}();
+enum : unsigned char { kStringStop = 1, kLineCommentStop = 2, kBlockCommentStop = 4 };
+
+// The first byte from p on that is of class stop, or end.
+inline const char *runEnd(const char *p, const char *end, unsigned char stop) {
+  while (p < end && (kStops.of[static_cast<unsigned char>(*p)] & stop) == 0)
+    p++;
+  return p;
+}
+
+inline void newLine(JsonTokenizer *t) {
+  if (t->line < INT_MAX)
+    t->line++;
+  t->lineStart = t->next;
+}
+
+// Reads one character: the end reads as -1 every time it is read.
+inline int readChar(JsonTokenizer *t) {
+  if (t->next == t->end) {
+    t->endReads++;
+    return kEndOfInput;
   }
-  if (c == '\n') {
-    tokenizer->line++;
-    tokenizer->column = 0;
-  } else if (tokenizer->column < INT_MAX) {
-    tokenizer->column++;
-  }
+  int c = static_cast<signed char>(*t->next++);
+  if (c == '\n')
+    newLine(t);
   return c;
 }
 
-inline int nextChar(JsonTokenizer *tokenizer) {
-  int c = tokenizer->pushback;
+inline int nextChar(JsonTokenizer *t) {
+  int c = t->pushback;
   if (c != 0) {
-    tokenizer->pushback = 0;
+    t->pushback = 0;
     return c;
   }
-  return readFromStream(tokenizer);
+  return readChar(t);
 }
 
 // 0 means an empty slot, so a NUL read here is not held: the next look-ahead
 // reads past it.
-inline int peekChar(JsonTokenizer *tokenizer) {
-  if (tokenizer->pushback == 0)
-    tokenizer->pushback = readFromStream(tokenizer);
-  return tokenizer->pushback;
+inline int peekChar(JsonTokenizer *t) {
+  if (t->pushback == 0)
+    t->pushback = readChar(t);
+  return t->pushback;
 }
 
-// Token text collected in the tokenizer's buffer. Only strings may grow it;
-// everything else drops what does not fit.
+int column(const JsonTokenizer *t) {
+  int64_t column = (t->next - t->lineStart) + static_cast<int64_t>(t->endReads);
+  return column > INT_MAX ? INT_MAX : static_cast<int>(column);
+}
+
+// Texts are cut to one byte less than the token buffer, as collecting them
+// there would.
+inline int textLimit(const JsonTokenizer *t) {
+  return t->bufferSize - 1;
+}
+
+// The buffer doubles while it is at most 1073741822 bytes and the doubled
+// size at most 104857599: from 16384, up to 64 MiB.
+constexpr bool canGrowTokenBuffer(int size) {
+  return size <= 1073741822 && size * 2 <= 104857599;
+}
+constexpr int kLongestString = [] {
+  int size = kFirstTokenBufferSize;
+  while (canGrowTokenBuffer(size))
+    size *= 2;
+  return size - 1;
+}();
+
+// A string of length bytes was read: the buffer takes the size that holding
+// it would have given it. A buffer already made is given up, to be made
+// again at the new size.
+void fitTokenBuffer(JsonTokenizer *t, int length) {
+  if (length < t->bufferSize)
+    return;
+  safeFree(t->buffer, t->bufferSize);
+  t->buffer = nullptr;
+  while (length >= t->bufferSize && canGrowTokenBuffer(t->bufferSize))
+    t->bufferSize *= 2;
+}
+
+// Text collected off the input, for the rare tokens whose text is not a
+// piece of the input.
 struct TokenText {
   JsonTokenizer *tokenizer;
   int length = 0;
 
-  bool fits() const { return length + 1 < tokenizer->bufferSize; }
+  // False when the buffer cannot be made.
+  bool ready() {
+    if (tokenizer->buffer == nullptr)
+      tokenizer->buffer = safeMalloc(tokenizer->bufferSize, "JSON token buffer");
+    return tokenizer->buffer != nullptr;
+  }
+  // What does not fit is dropped.
   void add(int c) {
-    if (fits())
+    if (length < textLimit(tokenizer))
       tokenizer->buffer[length++] = static_cast<char>(c);
   }
-  // Doubles a full buffer up to 64 MiB; false when the string is too long.
-  bool addGrowing(int c) {
-    if (!fits()) {
-      int size = tokenizer->bufferSize;
-      if (size > 1073741822 || size * 2 > 104857599)
-        return false;
-      char *bigger = safeRealloc(tokenizer->buffer, size * 2, size, "JSON token buffer");
-      if (bigger == nullptr)
-        return false;
-      tokenizer->buffer = bigger;
-      tokenizer->bufferSize = size * 2;
-    }
-    tokenizer->buffer[length++] = static_cast<char>(c);
-    return true;
-  }
 };
-
-void setToken(JsonParser *parser, JsonToken *token, int type, const TokenText &text) {
-  token->type = type;
-  char *copy = SLHAlloc(parser->slh, text.length + 1);
-  if (copy == nullptr) {
-    recordFailure(parser, "not enough memory");
-    token->type = JSON_TOKEN_UNMATCHED;
-    token->text = kTextEmpty;
-    return;
-  }
-  memcpy(copy, parser->tokenizer->buffer, text.length);
-  copy[text.length] = '\0';
-  token->text = copy;
-}
 
 void setToken(JsonToken *token, int type, char *text) {
   token->type = type;
   token->text = text;
+}
+
+// A token whose text is copied into the heap: the two pieces joined, cut as
+// the token buffer would cut them.
+void setToken(JsonParser *parser, JsonToken *token, int type, std::string_view text,
+              std::string_view more = {}) {
+  int limit = textLimit(parser->tokenizer);
+  int first = static_cast<int>(std::min<size_t>(text.size(), limit));
+  int second = static_cast<int>(std::min<size_t>(more.size(), limit - first));
+  char *copy = SLHAllocInline(parser->slh, first + second + 1);
+  if (copy == nullptr) {
+    recordFailure(parser, "not enough memory");
+    return setToken(token, JSON_TOKEN_UNMATCHED, kTextEmpty);
+  }
+  if (first > 0)
+    memcpy(copy, text.data(), first);
+  if (second > 0)
+    memcpy(copy + first, more.data(), second);
+  copy[first + second] = '\0';
+  setToken(token, type, copy);
+}
+
+// A token whose text stays in the input until a caller asks for it.
+void setSpanToken(JsonTokenizer *t, JsonToken *token, int type, const char *start,
+                  const char *end) {
+  setToken(token, type, nullptr);
+  t->spanStart = start;
+  t->spanLength = static_cast<int>(end - start);
 }
 
 int unescape(int c) {
@@ -264,133 +346,274 @@ int unescape(int c) {
   }
 }
 
+// The token's text as messages and callers see it: the text of a number or
+// a bad word is read from the input, cut as the token buffer would cut it.
+std::string_view tokenText(const JsonParser *parser, const JsonToken *token) {
+  if (token->text != nullptr)
+    return token->text;
+  const JsonTokenizer *t = parser->tokenizer;
+  return {t->spanStart, static_cast<size_t>(std::min(t->spanLength, textLimit(t)))};
+}
+
+// The opening quote is held. A string ends at the next quote (taken); a line
+// feed or the end, held, leaves it unterminated, so that the failure names
+// the text read so far. A backslash takes the next character along,
+// whatever it is but the end. The text is copied once, into the heap.
 void scanString(JsonParser *parser, JsonToken *token) {
-  JsonTokenizer *tokenizer = parser->tokenizer;
-  TokenText text{tokenizer};
-  nextChar(tokenizer);
+  JsonTokenizer *t = parser->tokenizer;
+  t->pushback = 0;
+  const char *start = t->next;
+  int64_t length = 0;
+  bool escapes = false;
+  int type = JSON_TOKEN_STRING;
   for (;;) {
-    int c = nextChar(tokenizer);
-    if (c == '"')
-      return setToken(parser, token, JSON_TOKEN_STRING, text);
-    bool escaped = c == '\\';
-    if (escaped)
-      c = nextChar(tokenizer);
-    // A line feed or the end is left for the next token, so the failure
-    // names the text collected so far.
-    if (c == kEndOfInput || (c == '\n' && !escaped)) {
-      tokenizer->pushback = c;
-      return setToken(parser, token, JSON_TOKEN_UNTERMINATED_STRING, text);
+    const char *run = runEnd(t->next, t->end, kStringStop);
+    length += run - t->next;
+    if (length > kLongestString) {
+      t->next = run - (length - kLongestString) + 1; // past the byte that did not fit
+      return setToken(token, JSON_TOKEN_STRING_TOO_LONG, kTextEmpty);
     }
-    if (!text.addGrowing(escaped ? unescape(c) : c))
+    t->next = run;
+    int c = readChar(t);
+    if (c == '"')
+      break;
+    if (c == '\\') {
+      escapes = true;
+      c = readChar(t);
+    } else if (c == '\n') {
+      c = kEndOfInput; // unescaped, it ends the string as the end does
+      t->pushback = '\n';
+    }
+    if (c == kEndOfInput) {
+      if (t->pushback == 0)
+        t->pushback = kEndOfInput;
+      type = JSON_TOKEN_UNTERMINATED_STRING;
+      break;
+    }
+    if (++length > kLongestString)
       return setToken(token, JSON_TOKEN_STRING_TOO_LONG, kTextEmpty);
   }
+  fitTokenBuffer(t, static_cast<int>(length));
+  char *copy = SLHAllocInline(parser->slh, static_cast<int>(length) + 1);
+  if (copy == nullptr) {
+    recordFailure(parser, "not enough memory");
+    return setToken(token, JSON_TOKEN_UNMATCHED, kTextEmpty);
+  }
+  if (!escapes) {
+    memcpy(copy, start, length);
+  } else {
+    char *out = copy;
+    for (const char *in = start; out < copy + length; in++)
+      *out++ = *in == '\\' ? static_cast<char>(unescape(*++in)) : *in;
+  }
+  copy[length] = '\0';
+  setToken(token, type, copy);
 }
 
-void addDigits(JsonTokenizer *tokenizer, TokenText &text) {
-  while (isDigit(peekChar(tokenizer)))
-    text.add(nextChar(tokenizer));
+// A run of digits from the held one on, which ends with the look-ahead of
+// the character after it. Returns the end of the run; its value goes to
+// *value, exact up to 19 digits.
+const char *scanDigits(JsonTokenizer *t, uint64_t *value) {
+  t->pushback = 0;
+  const char *p = t->next - 1;
+  uint64_t sum = 0;
+  do
+    sum = sum * 10 + static_cast<unsigned>(*p++ - '0');
+  while (p < t->end && isDigit(*p));
+  t->next = p;
+  *value = sum;
+  peekChar(t);
+  return p;
 }
 
+// What strtoll makes of a sign and a magnitude: saturated at the 64-bit limits.
+int64_t signedValue(bool negative, uint64_t magnitude) {
+  if (negative)
+    return magnitude > uint64_t{1} << 63 ? INT64_MIN : static_cast<int64_t>(0 - magnitude);
+  return magnitude > INT64_MAX ? INT64_MAX : static_cast<int64_t>(magnitude);
+}
+
+// What strtoll makes of the text of a number, however long.
+int64_t integerValue(std::string_view text) {
+  bool negative = !text.empty() && text.front() == '-';
+  uint64_t magnitude = 0;
+  for (size_t i = negative ? 1 : 0; i < text.size(); i++) {
+    unsigned digit = static_cast<unsigned>(text[i] - '0');
+    if (magnitude > (UINT64_MAX - digit) / 10)
+      return negative ? INT64_MIN : INT64_MAX;
+    magnitude = magnitude * 10 + digit;
+  }
+  return signedValue(negative, magnitude);
+}
+
+// The held '-' or digit. The first dialect takes an optional '-' and digits;
+// the second also a '.' followed by digits. A '-' without a digit takes one
+// more character along. An integer's value is worked out on the way.
 void scanNumber(JsonParser *parser, JsonToken *token) {
-  JsonTokenizer *tokenizer = parser->tokenizer;
-  TokenText text{tokenizer};
-  if (peekChar(tokenizer) == '-') {
-    text.add(nextChar(tokenizer));
-    if (!isDigit(peekChar(tokenizer))) {
-      nextChar(tokenizer);
-      return setToken(parser, token, JSON_TOKEN_BAD_NUMBER, text);
+  JsonTokenizer *t = parser->tokenizer;
+  const char *start = t->next - 1;
+  bool negative = t->pushback == '-';
+  if (negative) {
+    t->pushback = 0;
+    if (!isDigit(peekChar(t))) {
+      nextChar(t);
+      return setSpanToken(t, token, JSON_TOKEN_BAD_NUMBER, start, start + 1);
     }
   }
-  addDigits(tokenizer, text);
-  if (parser->numberDialect != JSON_DIALECT_64BIT)
-    return setToken(parser, token, JSON_TOKEN_NUMBER, text);
-  if (peekChar(tokenizer) != '.')
-    return setToken(parser, token, JSON_TOKEN_INT64, text);
-  text.add(nextChar(tokenizer));
-  if (!isDigit(peekChar(tokenizer)))
-    return setToken(parser, token, JSON_TOKEN_BAD_NUMBER, text);
-  addDigits(tokenizer, text);
-  setToken(parser, token, JSON_TOKEN_DOUBLE, text);
+  uint64_t magnitude = 0;
+  const char *last = scanDigits(t, &magnitude);
+  int type = parser->numberDialect != JSON_DIALECT_64BIT ? JSON_TOKEN_NUMBER
+             : peekChar(t) != '.'                        ? JSON_TOKEN_INT64
+                                                         : JSON_TOKEN_DOUBLE;
+  if (type != JSON_TOKEN_DOUBLE) {
+    setSpanToken(t, token, type, start, last);
+    bool exact = last - start - (negative ? 1 : 0) <= 19;
+    t->integer = exact ? signedValue(negative, magnitude) : integerValue(tokenText(parser, token));
+    return;
+  }
+  const char *point = t->next - 1;
+  t->pushback = 0;
+  const char *tail = point + 1;
+  if (isDigit(peekChar(t)))
+    tail = scanDigits(t, &magnitude);
+  else
+    type = JSON_TOKEN_BAD_NUMBER;
+  if (point == last)
+    return setSpanToken(t, token, type, start, tail);
+  // A NUL after the digits, which the look-ahead dropped before it found the
+  // point: the text is not one piece of the input.
+  setToken(parser, token, type, std::string_view(start, last - start),
+           std::string_view(point, tail - point));
 }
 
+// The held letter and the letters after it.
 void scanWord(JsonParser *parser, JsonToken *token) {
-  JsonTokenizer *tokenizer = parser->tokenizer;
-  TokenText text{tokenizer};
-  while (isAlpha(peekChar(tokenizer)))
-    text.add(nextChar(tokenizer));
-  std::string_view word(tokenizer->buffer, text.length);
-  int type = word == "true" || word == "false" ? JSON_TOKEN_BOOLEAN
-             : word == "null"                  ? JSON_TOKEN_NULL
-                                               : JSON_TOKEN_BAD_WORD;
-  setToken(parser, token, type, text);
+  JsonTokenizer *t = parser->tokenizer;
+  const char *start = t->next - 1;
+  t->pushback = 0;
+  while (t->next < t->end && isAlpha(*t->next))
+    t->next++;
+  const char *last = t->next;
+  peekChar(t);
+  std::string_view word(start, last - start);
+  if (word == "true" || word == "false")
+    return setToken(token, JSON_TOKEN_BOOLEAN, word == "true" ? kTextTrue : kTextFalse);
+  if (word == "null")
+    return setToken(token, JSON_TOKEN_NULL, kTextNull);
+  setSpanToken(t, token, JSON_TOKEN_BAD_WORD, start, last);
+}
+
+// After "//": up to the line feed or the end, both left held. Each test
+// looks ahead anew, so after a NUL, which the look-ahead drops, the end test
+// sees the character after it.
+void skipLineComment(JsonTokenizer *t) {
+  for (;;) {
+    if (t->pushback == 0)
+      t->next = runEnd(t->next, t->end, kLineCommentStop);
+    if (peekChar(t) == '\n' || peekChar(t) == kEndOfInput)
+      return;
+    nextChar(t);
+  }
+}
+
+// After "/*": up to "*/", both taken; false at the end. With text, collects
+// what it passes as the failure message shows it.
+bool skipBlockComment(JsonTokenizer *t, TokenText *text) {
+  for (;;) {
+    if (text == nullptr && t->pushback == 0)
+      t->next = runEnd(t->next, t->end, kBlockCommentStop);
+    int c = nextChar(t);
+    if (c == kEndOfInput)
+      return false;
+    if (c == '*' && peekChar(t) == '/') {
+      nextChar(t);
+      return true;
+    }
+    if (text != nullptr)
+      text->add(c);
+  }
 }
 
 void scanComment(JsonParser *parser, JsonToken *token) {
-  JsonTokenizer *tokenizer = parser->tokenizer;
-  TokenText text{tokenizer};
-  nextChar(tokenizer);
-  int c = nextChar(tokenizer);
+  JsonTokenizer *t = parser->tokenizer;
+  t->pushback = 0;
+  int c = nextChar(t);
   if (c == '/') {
-    while (peekChar(tokenizer) != '\n' && peekChar(tokenizer) != kEndOfInput)
-      nextChar(tokenizer);
+    skipLineComment(t);
     return setToken(token, JSON_TOKEN_LINE_COMMENT, kTextEmpty);
   }
   if (c == '*') {
-    for (;;) {
-      c = nextChar(tokenizer);
-      if (c == kEndOfInput)
-        return setToken(parser, token, JSON_TOKEN_UNTERMINATED_COMMENT, text);
-      if (c == '*' && peekChar(tokenizer) == '/') {
-        nextChar(tokenizer);
-        return setToken(token, JSON_TOKEN_BLOCK_COMMENT, kTextEmpty);
-      }
-      text.add(c);
+    // Only a comment that never ends needs its text: read it again for that.
+    JsonTokenizer before = *t;
+    if (skipBlockComment(t, nullptr))
+      return setToken(token, JSON_TOKEN_BLOCK_COMMENT, kTextEmpty);
+    *t = before;
+    TokenText text{t};
+    if (!text.ready()) {
+      recordFailure(parser, "not enough memory");
+      return setToken(token, JSON_TOKEN_UNMATCHED, kTextEmpty);
     }
+    skipBlockComment(t, &text);
+    return setToken(parser, token, JSON_TOKEN_UNTERMINATED_COMMENT,
+                    std::string_view(t->buffer, text.length));
   }
-  text.add('/');
-  if (isPrintable(c))
-    text.add(c);
-  setToken(parser, token, JSON_TOKEN_BAD_COMMENT_START, text);
+  char text[] = {'/', static_cast<char>(c)};
+  setToken(parser, token, JSON_TOKEN_BAD_COMMENT_START,
+           std::string_view(text, isPrintable(c) ? 2 : 1));
 }
 
-void scanPunctuation(JsonTokenizer *tokenizer, JsonToken *token, int type, char *text) {
-  nextChar(tokenizer);
-  setToken(token, type, text);
+// Whitespace, then the first character of the token, held. The second look
+// reads past a NUL that the first one dropped.
+int startToken(JsonTokenizer *t) {
+  int c = t->pushback;
+  if (c == 0 || isSpace(c)) {
+    for (;;) {
+      c = readChar(t);
+      if (!isSpace(c))
+        break;
+    }
+    t->pushback = c;
+  }
+  return peekChar(t);
 }
 
 // One raw token, comments included.
 void scanToken(JsonParser *parser, JsonToken *token) {
-  JsonTokenizer *tokenizer = parser->tokenizer;
-  while (isSpace(peekChar(tokenizer)))
-    nextChar(tokenizer);
-  // A second look: when the first one met a NUL, which the slot cannot hold,
-  // this reads past it.
-  int c = peekChar(tokenizer);
-  tokenizer->tokenLine = tokenizer->line;
-  tokenizer->tokenColumn = tokenizer->column;
+  JsonTokenizer *t = parser->tokenizer;
+  int c = startToken(t);
+  t->tokenLine = t->line;
+  t->tokenColumn = column(t);
   if (c == '"')
     return scanString(parser, token);
   if (c == '-' || isDigit(c))
     return scanNumber(parser, token);
   if (isAlpha(c))
     return scanWord(parser, token);
+  char *punctuation = nullptr;
+  int type = 0;
   switch (c) {
   case '{':
-    return scanPunctuation(tokenizer, token, JSON_TOKEN_OBJECT_START, kTextObjectStart);
+    punctuation = kTextObjectStart, type = JSON_TOKEN_OBJECT_START;
+    break;
   case '}':
-    return scanPunctuation(tokenizer, token, JSON_TOKEN_OBJECT_END, kTextObjectEnd);
+    punctuation = kTextObjectEnd, type = JSON_TOKEN_OBJECT_END;
+    break;
   case ':':
-    return scanPunctuation(tokenizer, token, JSON_TOKEN_COLON, kTextColon);
+    punctuation = kTextColon, type = JSON_TOKEN_COLON;
+    break;
   case ',':
-    return scanPunctuation(tokenizer, token, JSON_TOKEN_COMMA, kTextComma);
+    punctuation = kTextComma, type = JSON_TOKEN_COMMA;
+    break;
   // 0xBA and 0xBB are where the brackets stand in EBCDIC code page 037;
   // text converted with that table still parses.
   case '[':
   case static_cast<signed char>(0xBA):
-    return scanPunctuation(tokenizer, token, JSON_TOKEN_ARRAY_START, kTextArrayStart);
+    punctuation = kTextArrayStart, type = JSON_TOKEN_ARRAY_START;
+    break;
   case ']':
   case static_cast<signed char>(0xBB):
-    return scanPunctuation(tokenizer, token, JSON_TOKEN_ARRAY_END, kTextArrayEnd);
+    punctuation = kTextArrayEnd, type = JSON_TOKEN_ARRAY_END;
+    break;
   case '/':
     return scanComment(parser, token);
   case kEndOfInput:
@@ -399,6 +622,8 @@ void scanToken(JsonParser *parser, JsonToken *token) {
     recordFailure(parser, "unexpected character %c(0x%x)\n", c, static_cast<unsigned>(c));
     return setToken(token, JSON_TOKEN_UNEXPECTED_CHARACTER, kTextEmpty);
   }
+  t->pushback = 0;
+  setToken(token, type, punctuation);
 }
 
 void validateToken(JsonParser *parser, JsonToken *token) {
@@ -414,6 +639,68 @@ void validateToken(JsonParser *parser, JsonToken *token) {
   default:
     return;
   }
+}
+
+// Tokens as the grammar takes them: a number's text is not copied.
+JsonToken *scanNextToken(JsonParser *parser) {
+  JsonToken *token = &parser->token;
+  do {
+    scanToken(parser, token);
+  } while (token->type == JSON_TOKEN_LINE_COMMENT || token->type == JSON_TOKEN_BLOCK_COMMENT);
+  validateToken(parser, token);
+  return token;
+}
+
+JsonToken *takeToken(JsonParser *parser) {
+  JsonToken *token = parser->lookahead;
+  if (token == nullptr)
+    return scanNextToken(parser);
+  parser->lookahead = nullptr;
+  return token;
+}
+
+JsonToken *peekToken(JsonParser *parser) {
+  if (parser->lookahead == nullptr)
+    parser->lookahead = scanNextToken(parser);
+  return parser->lookahead;
+}
+
+JsonToken *matchToken(JsonParser *parser, int expected) {
+  JsonToken *token = takeToken(parser);
+  if (token->type == expected)
+    return token;
+  const char *expectedName = getTokenTypeString(expected);
+  const char *arrivedName = getTokenTypeString(token->type);
+  std::string_view text = tokenText(parser, token);
+  int length = static_cast<int>(text.size());
+  switch (token->type) {
+  case JSON_TOKEN_NUMBER:
+  case JSON_TOKEN_BOOLEAN:
+    recordFailure(parser, "expected %s, got %s %.*s\n", expectedName, arrivedName, length,
+                  text.data());
+    break;
+  case JSON_TOKEN_STRING:
+    recordFailure(parser, "expected %s, got %s \"%.*s\"\n", expectedName, arrivedName, length,
+                  text.data());
+    break;
+  case JSON_TOKEN_NULL:
+  case JSON_TOKEN_EOF:
+    recordFailure(parser, "expected %s, got %s\n", expectedName, arrivedName);
+    break;
+  default:
+    recordFailure(parser, "expected %s, got %.*s", expectedName, length, text.data());
+    break;
+  }
+  token->type = JSON_TOKEN_UNMATCHED;
+  return token;
+}
+
+// A token handed to a caller carries its text, in the heap.
+JsonToken *withText(JsonParser *parser, JsonToken *token) {
+  if (token->text == nullptr) {
+    setToken(parser, token, token->type, tokenText(parser, token));
+  }
+  return token;
 }
 
 // ---- Grammar --------------------------------------------------------------
@@ -432,51 +719,51 @@ Json *makeValue(JsonParser *parser, int type) {
 }
 
 Json *parseObject(JsonParser *parser) {
-  jsonMatchToken(parser, JSON_TOKEN_OBJECT_START);
+  takeToken(parser); // the brace
   Json *result = makeValue(parser, JSON_TYPE_OBJECT);
   JsonObject *object = heapAlloc<JsonObject>(parser);
   if (result == nullptr || object == nullptr)
     return errorValue(parser);
   result->data.object = object;
-  while (jsonLookaheadToken(parser)->type == JSON_TOKEN_STRING) {
-    char *key = jsonMatchToken(parser, JSON_TOKEN_STRING)->text;
-    if (jsonIsTokenUnmatched(jsonMatchToken(parser, JSON_TOKEN_COLON)))
+  while (peekToken(parser)->type == JSON_TOKEN_STRING) {
+    char *key = takeToken(parser)->text;
+    if (jsonIsTokenUnmatched(matchToken(parser, JSON_TOKEN_COLON)))
       return errorValue(parser);
     Json *value = parseValue(parser);
     if (jsonIsError(value))
       return value;
     if (jsonOjectAddProperty(parser, object, key, value) != 0)
       return errorValue(parser);
-    if (jsonLookaheadToken(parser)->type != JSON_TOKEN_COMMA)
+    if (peekToken(parser)->type != JSON_TOKEN_COMMA)
       break;
-    jsonMatchToken(parser, JSON_TOKEN_COMMA);
+    takeToken(parser);
   }
-  if (jsonIsTokenUnmatched(jsonMatchToken(parser, JSON_TOKEN_OBJECT_END)))
+  if (jsonIsTokenUnmatched(matchToken(parser, JSON_TOKEN_OBJECT_END)))
     return errorValue(parser);
   return result;
 }
 
 Json *parseArray(JsonParser *parser) {
-  jsonMatchToken(parser, JSON_TOKEN_ARRAY_START);
+  takeToken(parser); // the bracket
   Json *result = makeValue(parser, JSON_TYPE_ARRAY);
   JsonArray *array = heapAlloc<JsonArray>(parser);
-  Json **elements = heapAlloc<Json *>(parser, kFirstArrayCapacity * sizeof(Json *));
+  auto **elements = reinterpret_cast<Json **>(heapPiece(parser, kFirstArrayCapacity * sizeof(Json *)));
   if (result == nullptr || array == nullptr || elements == nullptr)
     return errorValue(parser);
   array->elements = elements;
   array->capacity = kFirstArrayCapacity;
   result->data.array = array;
-  while (jsonLookaheadToken(parser)->type != JSON_TOKEN_ARRAY_END) {
+  while (peekToken(parser)->type != JSON_TOKEN_ARRAY_END) {
     Json *value = parseValue(parser);
     if (jsonIsError(value))
       return value;
     if (jsonArrayAddElement(parser, array, value) != 0)
       return errorValue(parser);
-    if (jsonLookaheadToken(parser)->type != JSON_TOKEN_COMMA)
+    if (peekToken(parser)->type != JSON_TOKEN_COMMA)
       break;
-    jsonMatchToken(parser, JSON_TOKEN_COMMA);
+    takeToken(parser);
   }
-  if (jsonIsTokenUnmatched(jsonMatchToken(parser, JSON_TOKEN_ARRAY_END)))
+  if (jsonIsTokenUnmatched(matchToken(parser, JSON_TOKEN_ARRAY_END)))
     return errorValue(parser);
   return result;
 }
@@ -493,17 +780,16 @@ Json *parseContainer(JsonParser *parser, Json *(*parse)(JsonParser *)) {
   return value;
 }
 
-double toDouble(const char *text) {
+double toDouble(std::string_view text) {
   double result = 0.0;
-  const char *end = text + strlen(text);
-  bool negative = *text == '-';
-  auto [rest, error] = std::from_chars(text, end, result);
+  bool negative = text.front() == '-';
+  auto [rest, error] = std::from_chars(text.data(), text.data() + text.size(), result);
   if (error == std::errc::result_out_of_range) {
     // Digits are all there is (no exponents), so a value out of range is
     // either huge or a long run of zeros after the point.
-    const char *digits = text + (negative ? 1 : 0);
-    const char *firstNonZero = digits + strspn(digits, "0");
-    bool tiny = *firstNonZero == '.' || *firstNonZero == '\0';
+    std::string_view digits = text.substr(negative ? 1 : 0);
+    size_t firstNonZero = digits.find_first_not_of('0');
+    bool tiny = firstNonZero == std::string_view::npos || digits[firstNonZero] == '.';
     result = tiny ? 0.0 : HUGE_VAL;
     if (negative)
       result = -result;
@@ -512,26 +798,26 @@ double toDouble(const char *text) {
 }
 
 Json *parseScalar(JsonParser *parser, int tokenType, int valueType) {
-  const char *text = jsonMatchToken(parser, tokenType)->text;
+  JsonToken *token = takeToken(parser); // of tokenType
   Json *value = makeValue(parser, valueType);
   if (value == nullptr)
     return errorValue(parser);
   switch (tokenType) {
-  // Overflow is not detected: the long result is cut to 32 bits.
+  // Overflow is not detected: the 64-bit result is cut to 32 bits.
   case JSON_TOKEN_NUMBER:
-    value->data.number = static_cast<int>(strtol(text, nullptr, 10));
+    value->data.number = static_cast<int>(parser->tokenizer->integer);
     break;
   case JSON_TOKEN_INT64:
-    value->data.number64 = strtoll(text, nullptr, 10);
+    value->data.number64 = parser->tokenizer->integer;
     break;
   case JSON_TOKEN_DOUBLE:
-    value->data.dnumber = toDouble(text);
+    value->data.dnumber = toDouble(tokenText(parser, token));
     break;
   case JSON_TOKEN_STRING:
-    value->data.string = const_cast<char *>(text);
+    value->data.string = token->text;
     break;
   case JSON_TOKEN_BOOLEAN:
-    value->data.boolean = strcmp(text, "true") == 0;
+    value->data.boolean = token->text == kTextTrue;
     break;
   default:
     break;
@@ -540,7 +826,7 @@ Json *parseScalar(JsonParser *parser, int tokenType, int valueType) {
 }
 
 Json *parseValue(JsonParser *parser) {
-  JsonToken *token = jsonLookaheadToken(parser);
+  JsonToken *token = peekToken(parser);
   switch (token->type) {
   case JSON_TOKEN_NUMBER:
     return parseScalar(parser, token->type, JSON_TYPE_NUMBER);
@@ -558,30 +844,42 @@ Json *parseValue(JsonParser *parser) {
     return parseContainer(parser, parseObject);
   case JSON_TOKEN_ARRAY_START:
     return parseContainer(parser, parseArray);
-  default:
-    recordFailure(parser, "unexpected %s", token->text);
+  default: {
+    std::string_view text = tokenText(parser, token);
+    recordFailure(parser, "unexpected %.*s", static_cast<int>(text.size()), text.data());
     return errorValue(parser);
+  }
   }
 }
 
 // ---- Parser construction and the entry points ----------------------------
 
+// A file stream is read in whole first, through its getChar, so that the
+// tokenizer always reads bytes in memory.
 JsonParser *makeParserOver(ShortLivedHeap *slh, CharStream *stream) {
   auto *parser = safeMallocRecord<JsonParser>("JSON Parser");
   auto *tokenizer = safeMallocRecord<JsonTokenizer>("JSON Tokenizer");
-  char *buffer = safeMalloc(kFirstTokenBufferSize, "JSON token buffer");
-  if (parser == nullptr || tokenizer == nullptr || buffer == nullptr) {
-    safeFree(buffer, kFirstTokenBufferSize);
+  bool inMemory = stream->getChar == bufferGetChar;
+  int length = stream->length;
+  char *fileText = inMemory || length == 0 ? nullptr : safeMalloc(length, "JSON file text");
+  if (parser == nullptr || tokenizer == nullptr || (!inMemory && length > 0 && !fileText)) {
+    safeFree(fileText, length);
     safeFreeRecord(tokenizer);
     safeFreeRecord(parser);
     stream->close(stream);
     return nullptr;
   }
+  for (int i = 0; fileText != nullptr && i < length; i++)
+    fileText[i] = static_cast<char>(stream->getChar(stream));
+  const char *input = inMemory ? static_cast<const char *>(stream->source) : fileText;
   tokenizer->stream = stream;
   tokenizer->slh = slh;
   tokenizer->line = 1;
-  tokenizer->buffer = buffer;
   tokenizer->bufferSize = kFirstTokenBufferSize;
+  tokenizer->next = tokenizer->lineStart = input;
+  tokenizer->end = input + length;
+  tokenizer->fileText = fileText;
+  tokenizer->fileTextSize = fileText != nullptr ? length : 0;
   parser->tokenizer = tokenizer;
   parser->slh = slh;
   parser->stream = stream;
@@ -602,7 +900,7 @@ Json *parseDocument(JsonParser *parser, char *errorText, int errorSize) {
   }
   Json *value = jsonParse(parser);
   if (!jsonIsError(value))
-    jsonMatchToken(parser, JSON_TOKEN_EOF);
+    matchToken(parser, JSON_TOKEN_EOF);
   if (parser->error != nullptr) {
     copyOut(errorText, errorSize, parser->error->data.error->message);
     value = nullptr;
@@ -733,54 +1031,21 @@ void freeJsonParser(JsonParser *parser) {
   parser->stream->close(parser->stream);
   JsonTokenizer *tokenizer = parser->tokenizer;
   safeFree(tokenizer->buffer, tokenizer->bufferSize);
+  safeFree(tokenizer->fileText, tokenizer->fileTextSize);
   safeFreeRecord(tokenizer);
   safeFreeRecord(parser);
 }
 
 JsonToken *jsonNextToken(JsonParser *parser) {
-  JsonToken *token = parser->lookahead;
-  if (token != nullptr) {
-    parser->lookahead = nullptr;
-    return token;
-  }
-  token = &parser->token;
-  do {
-    scanToken(parser, token);
-  } while (token->type == JSON_TOKEN_LINE_COMMENT || token->type == JSON_TOKEN_BLOCK_COMMENT);
-  validateToken(parser, token);
-  return token;
+  return withText(parser, takeToken(parser));
 }
 
 JsonToken *jsonLookaheadToken(JsonParser *parser) {
-  if (parser->lookahead == nullptr)
-    parser->lookahead = jsonNextToken(parser);
-  return parser->lookahead;
+  return withText(parser, peekToken(parser));
 }
 
 JsonToken *jsonMatchToken(JsonParser *parser, int expected) {
-  JsonToken *token = jsonNextToken(parser);
-  if (token->type == expected)
-    return token;
-  const char *expectedName = getTokenTypeString(expected);
-  const char *arrivedName = getTokenTypeString(token->type);
-  switch (token->type) {
-  case JSON_TOKEN_NUMBER:
-  case JSON_TOKEN_BOOLEAN:
-    recordFailure(parser, "expected %s, got %s %s\n", expectedName, arrivedName, token->text);
-    break;
-  case JSON_TOKEN_STRING:
-    recordFailure(parser, "expected %s, got %s \"%s\"\n", expectedName, arrivedName, token->text);
-    break;
-  case JSON_TOKEN_NULL:
-  case JSON_TOKEN_EOF:
-    recordFailure(parser, "expected %s, got %s\n", expectedName, arrivedName);
-    break;
-  default:
-    recordFailure(parser, "expected %s, got %s", expectedName, token->text);
-    break;
-  }
-  token->type = JSON_TOKEN_UNMATCHED;
-  return token;
+  return withText(parser, matchToken(parser, expected));
 }
 
 Json *jsonParse(JsonParser *parser) {
@@ -864,11 +1129,10 @@ int jsonArrayAddElement(JsonParser *parser, JsonArray *array, Json *value) {
       return 1;
     }
     capacity *= 2;
-    Json **elements = heapAlloc<Json *>(parser, capacity * sizeof(Json *));
+    auto **elements = reinterpret_cast<Json **>(heapPiece(
+        parser, capacity * sizeof(Json *), array->elements, array->count * sizeof(Json *)));
     if (elements == nullptr)
       return 1;
-    if (array->count > 0)
-      memcpy(elements, array->elements, array->count * sizeof(Json *));
     array->elements = elements;
     array->capacity = capacity;
   }

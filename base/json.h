@@ -85,10 +85,12 @@ struct JsonArray {
 // ---- Parser records ------------------------------------------------------
 
 // Source of characters: each one a signed byte widened to int, -1 at the end.
+// A parser reads a buffer stream's bytes in place and a file stream's all
+// at once, through getChar, before the first token.
 typedef struct CharStream CharStream;
 struct CharStream {
   void *source; // the bytes of a buffer stream, the UnixFile of a file stream
-  int position; // characters delivered so far
+  int position; // characters delivered through getChar so far
   int length;   // total characters
   int (*getChar)(CharStream *stream);
   int (*getPosition)(CharStream *stream);
@@ -125,17 +127,35 @@ typedef struct JsonToken {
   char *text; // terminated; variable texts live in the parser's heap
 } JsonToken;
 
+// Reads the input in place. The rules are those of one character at a time:
+// a look-ahead holds one character (0 means none, so a NUL that a look-ahead
+// reads is dropped), and every character read counts for the position, the
+// end included, which reads as -1 as often as it is read, as the byte 0xFF
+// does.
 typedef struct JsonTokenizer {
   CharStream *stream;
   ShortLivedHeap *slh;
-  int pushback; // one looked-ahead character; 0 means none
+  int pushback; // the held character; 0 means none
   int line;     // starts at 1
-  int column;   // starts at 0; the first character of a line is column 1
   int tokenLine;
-  int tokenColumn;
+  int tokenColumn; // the first character of a line is column 1
   int trace;
-  char *buffer; // token text is collected here, then copied once into slh
+  // Texts of failed comments are collected here; made on first use. Token
+  // texts are cut to bufferSize - 1 bytes, and a long string doubles the
+  // size up to 64 MiB, whether the buffer is made yet or not.
+  char *buffer;
   int bufferSize;
+  const char *next;      // the next byte to read
+  const char *end;       // the end of the input
+  const char *lineStart; // the byte after the last line feed read, or the start
+  int endReads;          // reads made at the end, which count as columns too
+  char *fileText;        // a file stream's bytes, read in whole (null otherwise)
+  int fileTextSize;
+  // Number and bad word tokens are not copied: their text is here, in the
+  // input, until a caller asks for the token.
+  const char *spanStart;
+  int spanLength;
+  int64_t integer; // an integer token's value, as strtoll reads its text
 } JsonTokenizer;
 
 #define JSON_DIALECT_32BIT 1 // integers only, converted to 32 bits (0 means this too)

@@ -198,10 +198,12 @@ JsonBuffer *makeJsonBuffer(void) {
   return buffer;
 }
 
+// Past the used length the data is as zero-filled: nothing is ever written
+// there, and rewinding zeroes what was.
 void freeJsonBuffer(JsonBuffer *buffer) {
   if (buffer == nullptr)
     return;
-  safeFree(buffer->data, buffer->size);
+  safeFreeUsed(buffer->data, buffer->size, buffer->len);
   safeFreeRecord(buffer);
 }
 
@@ -223,8 +225,8 @@ char *jsonBufferCopy(JsonBuffer *buffer) {
 void jsonBufferRewind(JsonBuffer *buffer) {
   if (buffer == nullptr)
     return;
+  memset(buffer->data, 0, static_cast<size_t>(buffer->len));
   buffer->len = 0;
-  memset(buffer->data, 0, static_cast<size_t>(buffer->size));
 }
 
 int writeToBuffer(jsonPrinter *printer, const char *bytes, int length) {
@@ -260,8 +262,10 @@ int createStringWriterContext(uint64_t capacity, StringWriterContext **context) 
 void destroyStringWriterContext(StringWriterContext *context) {
   if (context == nullptr)
     return;
-  // safeFree wipes both before release.
-  safeFree(context->stringBuffer, static_cast<int>(context->capacity));
+  // Both are wiped before release; of the buffer only the accounted text and
+  // its terminator can have been written, the rest is still as zero-filled.
+  safeFreeUsed(context->stringBuffer, static_cast<int>(context->capacity),
+               static_cast<int>(context->capacity - context->remaining));
   safeFreeRecord(context);
 }
 
@@ -309,7 +313,13 @@ int writeToStringWriterJsonPrinter(jsonPrinter *printer, const char *bytes, int 
   if (writer == nullptr || writer->stringBuffer == nullptr || length < 0 ||
       writer->remaining < static_cast<uint64_t>(length))
     return 0;
-  strncat(writer->stringBuffer, bytes, static_cast<size_t>(length));
+  if (length == 0)
+    return 0;
+  // What strncat would append at the end of the text, without looking for
+  // that end: the buffer past it is still zero, so the text stays terminated.
+  size_t appended = strnlen(bytes, static_cast<size_t>(length));
+  memcpy(writer->stringBuffer + writer->end, bytes, appended);
+  writer->end += appended;
   writer->remaining -= static_cast<uint64_t>(length);
   return length;
 }

@@ -69,6 +69,7 @@ typedef struct StringWriterContext {
   char *stringBuffer;
   uint64_t capacity;
   uint64_t remaining; // room left, not counting the kept-back byte
+  uint64_t end;       // where the text ends, so that appending need not look for it
 } StringWriterContext;
 
 // ---- Construction and release -------------------------------------------
@@ -118,7 +119,8 @@ int writeToBuffer(jsonPrinter *printer, const char *bytes, int length);
 // destroyStringWriterContext); when memory is short it may be null or have no
 // buffer. A capacity of 0 is taken as 1.
 int createStringWriterContext(uint64_t capacity, StringWriterContext **context);
-// Zeroes and releases the buffer and the context. Accepts null.
+// Zeroes and releases the buffer (as far as it was written) and the context.
+// Accepts null.
 void destroyStringWriterContext(StringWriterContext *context);
 // A native-mode printer writing into a new string writer of this capacity;
 // null if either cannot be made. Release with destroyStringWriterCustomJsonPrinter.
@@ -134,7 +136,9 @@ char *SWCJP_getStringPtr(jsonPrinter *printer);
 uint64_t SWCJP_copyBytes(jsonPrinter *printer, char *destination, uint64_t destinationSize);
 // Sink of string-writer printers; sinkData is a StringWriterContext. A piece
 // that does not fit in the remaining room is dropped whole, without setting
-// the error flag. Returns length, or 0 when the piece was dropped.
+// the error flag. A NUL in a piece ends what is appended of it, while the
+// room still shrinks by the whole length. Returns length, or 0 when the
+// piece was dropped.
 int writeToStringWriterJsonPrinter(jsonPrinter *printer, const char *bytes, int length);
 
 // ---- Document calls ------------------------------------------------------

@@ -184,6 +184,14 @@ TEST(StringWriter, DropsPiecesThatDoNotFitWhole) {
   EXPECT_EQ(std::string(exact, 12), "{\"name\":\"\"}#");
   destroyStringWriterCustomJsonPrinter(p);
 
+  // A NUL ends what is appended of a piece; the room still shrinks by all of it.
+  p = makeStringWriterCustomJsonPrinter(16);
+  jsonAddUnterminatedJSONString(p, nullptr, "ab\0cd", 5);
+  jsonAddInt(p, nullptr, 7);
+  EXPECT_STREQ(SWCJP_getStringPtr(p), "ab7");
+  EXPECT_EQ(SWCJP_getLength(p), 6u);
+  destroyStringWriterCustomJsonPrinter(p);
+
   // Capacity 0 is taken as 1: only the terminator fits.
   p = makeStringWriterCustomJsonPrinter(0);
   ASSERT_NE(p, nullptr);
