@@ -4,6 +4,7 @@
 #include "base/jsonprint.h"
 #include "mfadata/usermfadata_internal.h"
 
+#include <cctype>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -351,8 +352,12 @@ std::string readJsonLine(std::string_view line, Entry *entry) {
   char error[128] = "";
   JsonObject *object = jsonAsObject(jsonParseUnterminatedString(
       heap.get(), decoded.data(), static_cast<int>(decoded.size()), error, sizeof error));
-  if (object == nullptr)
-    return error[0] != '\0' ? "not JSON (" + std::string(error) + ")" : "not a JSON object";
+  if (object == nullptr) {
+    std::string_view why(error);
+    while (!why.empty() && isspace(static_cast<unsigned char>(why.back())))
+      why.remove_suffix(1);
+    return why.empty() ? "not a JSON object" : "not JSON (" + std::string(why) + ")";
+  }
   std::array<bool, kColumnCount> seen{};
   for (JsonProperty *property = jsonObjectGetFirstProperty(object); property != nullptr;
        property = jsonObjectGetNextProperty(property)) {
@@ -417,6 +422,14 @@ void readEntries(Format format, std::string_view text, std::vector<Entry> *entri
 
 // ---- Writing --------------------------------------------------------------
 
+namespace {
+
+bool isBlank(char c) {
+  return c == ' ' || c == '\t';
+}
+
+} // namespace
+
 void Writer::header() {
   if (format_ != Format::Csv)
     return;
@@ -444,7 +457,9 @@ void Writer::writeCsv(const ldapuser &user) {
     if (value == nullptr)
       return;
     const std::string_view text(value);
-    if (!text.empty() && text.find_first_of(",\"\r\n") == std::string_view::npos) {
+    // Quoted also when blanks begin or end it, which some readers trim.
+    if (!text.empty() && text.find_first_of(",\"\r\n") == std::string_view::npos &&
+        !isBlank(text.front()) && !isBlank(text.back())) {
       line += text;
       return;
     }
