@@ -205,6 +205,20 @@ TEST_F(LdapFactorBulk, ExportWritesEveryUserItCanRead) {
                                         "error); the export is incomplete.\n");
 }
 
+// A reader that goes away part-way ends the export early: the statement
+// still streaming is cancelled and the run reports the lost output.
+TEST_F(LdapFactorBulk, ExportEndsWhenNobodyReads) {
+  dropUnreadable();
+  sql("insert into qmx_user (unixuid) select 'user' || i from generate_series(1, 20000) i");
+  sql("insert into qmx_userfactor (userid, factorid, factortags, isactive) select u.userid, "
+      "f.factorid, '{\"DN\":\"cn=' || u.unixuid || '\"}', 1 from qmx_user u, qmx_factor f "
+      "where u.unixuid like 'user%' and f.factorname = 'QMXLDAP1'");
+  const Ran ran = clitest::runTool({kTool, {"export"}, {}, clitest::Sink::ClosedPipe});
+  EXPECT_EQ(ran.status, 74);
+  EXPECT_EQ(ran.err, "KVTR2409E Standard output could not be written (write error); the export "
+                     "is incomplete.\n");
+}
+
 TEST_F(LdapFactorBulk, ExportThenImportChangesNothing) {
   dropUnreadable();
   const mfatest::Rows before = everyRow();
