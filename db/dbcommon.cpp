@@ -159,8 +159,7 @@ int Session::commit(const Failure &failure, bool *unanswered) {
     return failure.status;
   }
   *unanswered = PQstatus(connection()) == CONNECTION_BAD;
-  report(failure.format, PQerrorMessage(connection()));
-  return failure.status;
+  return fail(failure);
 }
 
 int Session::startStream(const char *sql, const Failure &failure,
