@@ -27,8 +27,9 @@ typedef enum commitguard_outcome {
 // ldapuser_retrieveFromKORS). Returns 0 when it may: the data was read or
 // there is none (69802), and the stored text holds nothing that a read
 // leaves out. Otherwise returns the status to end with, having written
-// nothing: readStatus after a failed read, 69803 when the stored text is not
-// a JSON object of string values, 1200052 when it cannot be read now.
+// nothing: readStatus after a failed read, 69803 when the stored text does
+// not read whole (commitguard_readStored), 1200052 when it cannot be read
+// now, 67020 when memory is short.
 int commitguard_check(dbctx *context, const char *factorName, const char *userid, int readStatus);
 
 // Reads the stored tag text of a user's factorName data by the rule a commit

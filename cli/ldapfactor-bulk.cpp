@@ -110,7 +110,8 @@ void logToStandardError(LoggingContext *, LoggingComponent *component, void *, c
   std::string_view line(text);
   while (!line.empty() && line.back() == '\n')
     line.remove_suffix(1);
-  commitguard_printError("%s:%.*s\n", component != nullptr ? component->name : "",
+  commitguard_printError("%s:%.*s\n",
+                         component != nullptr && component->name != nullptr ? component->name : "",
                          static_cast<int>(line.size()), line.data());
   free(text);
 }
