@@ -1,9 +1,11 @@
 #include "cli/commitguard.h"
 
 #include "base/alloc.h"
+#include "cli/commitguard_internal.h"
 #include "cli/ldapuser.h"
 #include "mfadata/factordata.h"
 #include "mfadata/factortags.h"
+#include "mfadata/usermfadata_internal.h"
 
 #include <pwd.h>
 #include <sysexits.h>
@@ -22,22 +24,6 @@ namespace {
 
 constexpr std::array<const char *, 4> kFieldNames = {"DN", "SEARCHVAL", "SEARCHVAL2", "SEARCHVAL3"};
 
-// A value between double quotes that cannot end its field or its line early:
-// quotes, backslashes and control characters are written as \xNN.
-std::string quotedForLog(std::string_view text) {
-  std::string out = "\"";
-  for (unsigned char c : text) {
-    if (c < 0x20 || c == 0x7f || c == '"' || c == '\\') {
-      char escape[8];
-      snprintf(escape, sizeof escape, "\\x%02x", c);
-      out += escape;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out + "\"";
-}
-
 // The invoking user: the real user ID and, when the system knows it, its name.
 std::string osUser() {
   const uid_t uid = getuid();
@@ -46,7 +32,7 @@ std::string osUser() {
   passwd entry{};
   passwd *found = nullptr;
   if (getpwuid_r(uid, &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr)
-    text += " osuser=" + quotedForLog(found->pw_name);
+    text += " osuser=" + commitguard::quoted(found->pw_name);
   return text;
 }
 
@@ -54,7 +40,7 @@ std::string fieldList(const char *const given[4]) {
   std::string list;
   for (size_t i = 0; i < kFieldNames.size(); i++)
     if (given[i] != nullptr)
-      list += (list.empty() ? "" : ",") + std::string(kFieldNames[i]);
+      list.append(list.empty() ? "" : ",").append(kFieldNames[i]);
   return list.empty() ? "none" : list;
 }
 
@@ -73,7 +59,43 @@ std::string outcomeText(commitguard_outcome outcome, int status) {
   return "outcome=failed" + sts;
 }
 
+// An empty text or "{}", blanks around and inside allowed.
+bool isEmptyObject(std::string_view text) {
+  std::string bare;
+  for (char c : text)
+    if (c != ' ' && c != '\t' && c != '\r' && c != '\n')
+      bare += c;
+  return bare.empty() || bare == "{}";
+}
+
 } // namespace
+
+namespace commitguard {
+
+std::string quoted(std::string_view text) {
+  std::string out = "\"";
+  for (unsigned char c : text) {
+    if (c < 0x20 || c == 0x7f || c == '"' || c == '\\') {
+      char escape[8];
+      snprintf(escape, sizeof escape, "\\x%02x", c);
+      out += escape;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out + "\"";
+}
+
+void audit(const char *identity, bool committed, const std::string &head, const std::string &tail) {
+  const std::string record = head + " " + osUser() + " " + tail;
+  // syslog reports nothing back: a log that is absent or full loses the
+  // record and leaves the run as it was.
+  openlog(identity, LOG_PID, LOG_AUTHPRIV);
+  syslog(committed ? LOG_NOTICE : LOG_WARNING, "%s", record.c_str());
+  closelog();
+}
+
+} // namespace commitguard
 
 extern "C" {
 
@@ -88,10 +110,36 @@ int commitguard_check(dbctx *context, const char *factorName, const char *userid
     return 0; // nothing stored, nothing to lose
   if (status != 0)
     return LDAPUSER_READ_FAILED;
-  // An empty text reads as no tags and holds none.
-  const bool whole = stored[0] == '\0' || isStoredFactorJson(stored);
+  ldapuser *record = nullptr;
+  status = commitguard_readStored(factorName, userid, stored, &record);
+  ldapuser_destroy(record);
   freeString(stored);
-  return whole ? 0 : LDAPUSER_BAD_FACTOR_DATA;
+  return status;
+}
+
+int commitguard_readStored(const char *factorName, const char *userid, const char *text,
+                           ldapuser **record) {
+  if (factorName == nullptr || text == nullptr || record == nullptr)
+    return LDAPUSER_MISSING_ARGUMENT;
+  factorData data{};
+  data.factorName = const_cast<char *>(factorName);
+  createFactorTags(text, &data, &data.numTags);
+  mfadata::TagListPtr tags(data.tags);
+  // A text read without tags holds none only when it is empty or an empty
+  // object; any other such text did not parse, is not an object, or could
+  // not be copied. A tag without a value had a value that is not a string.
+  bool whole = data.numTags > 0 || isEmptyObject(text);
+  for (const factorTag *tag = data.tags; tag != nullptr && whole; tag = tag->next)
+    whole = tag->tagValue != nullptr;
+  if (!whole)
+    return LDAPUSER_BAD_FACTOR_DATA;
+  uint32_t badOffset = 0;
+  ldapuser *made = nullptr;
+  int status = ldapuser_createFromFactorData(userid, &data, &made, &badOffset);
+  if (status != 0 && status != LDAPUSER_NO_TAGS)
+    return status == LDAPUSER_OUT_OF_MEMORY ? status : LDAPUSER_BAD_FACTOR_DATA;
+  *record = made;
+  return 0;
 }
 
 void commitguard_printError(const char *format, ...) {
@@ -116,14 +164,10 @@ void commitguard_printUndefinedUser(const char *userid) {
 
 void commitguard_audit(const char *identity, const char *factorName, const char *userid,
                        const char *const given[4], commitguard_outcome outcome, int status) {
-  const std::string record = "commit factor=" + quotedForLog(factorName) +
-                             " user=" + quotedForLog(userid) + " " + osUser() +
-                             " fields=" + fieldList(given) + " " + outcomeText(outcome, status);
-  // syslog reports nothing back: a log that is absent or full loses the
-  // record and leaves the run as it was.
-  openlog(identity, LOG_PID, LOG_AUTHPRIV);
-  syslog(outcome == COMMITGUARD_COMMITTED ? LOG_NOTICE : LOG_WARNING, "%s", record.c_str());
-  closelog();
+  commitguard::audit(identity, outcome == COMMITGUARD_COMMITTED,
+                     "commit factor=" + commitguard::quoted(factorName) +
+                         " user=" + commitguard::quoted(userid),
+                     "fields=" + fieldList(given) + " " + outcomeText(outcome, status));
 }
 
 int commitguard_finishOutput(int status, const char *summary) {

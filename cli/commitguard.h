@@ -12,6 +12,8 @@
 extern "C" {
 #endif
 
+struct ldapuser;
+
 // What became of one commit attempt.
 typedef enum commitguard_outcome {
   COMMITGUARD_COMMITTED,
@@ -25,9 +27,20 @@ typedef enum commitguard_outcome {
 // ldapuser_retrieveFromKORS). Returns 0 when it may: the data was read or
 // there is none (69802), and the stored text holds nothing that a read
 // leaves out. Otherwise returns the status to end with, having written
-// nothing: readStatus after a failed read, 69803 when the stored text is not
-// a JSON object of string values, 1200052 when it cannot be read now.
+// nothing: readStatus after a failed read, 69803 when the stored text does
+// not read whole (commitguard_readStored), 1200052 when it cannot be read
+// now, 67020 when memory is short.
 int commitguard_check(dbctx *context, const char *factorName, const char *userid, int readStatus);
+
+// Reads the stored tag text of a user's factorName data by the rule a commit
+// follows: only a text that makes the record whole may be replaced. Returns
+// 0 and a record in *record (the caller destroys it with ldapuser_destroy;
+// an empty text or one without tags gives a record holding only the user
+// ID); 69803 when the text is not a JSON object of string values or holds
+// an unknown or repeated tag; 67020 when memory is short; 67007 for a
+// missing argument. *record is untouched on failure.
+int commitguard_readStored(const char *factorName, const char *userid, const char *text,
+                           struct ldapuser **record);
 
 // Prints to standard error, after flushing standard output so that the two
 // streams keep the order in which the lines were written.

@@ -169,6 +169,57 @@ int Session::requireChanged(const char *notFound) {
   return QN_DB_NOT_FOUND;
 }
 
+int Session::commit(const Failure &failure, bool *unanswered) {
+  result_.reset(PQexec(connection(), "COMMIT"));
+  // A transaction that failed on the way answers its COMMIT with ROLLBACK.
+  if (PQresultStatus(result()) == PGRES_COMMAND_OK) {
+    if (strcmp(PQcmdStatus(result()), "COMMIT") == 0)
+      return 0;
+    report(failure.format, "the server rolled the transaction back\n");
+    return failure.status;
+  }
+  *unanswered = PQstatus(connection()) == CONNECTION_BAD;
+  return fail(failure);
+}
+
+int Session::startStream(const char *sql, const Failure &failure,
+                         std::initializer_list<const char *> params) {
+  std::vector<const char *> values(params);
+  result_.reset();
+  if (PQsendQueryParams(connection(), sql, static_cast<int>(values.size()), nullptr, values.data(),
+                        nullptr, nullptr, 0) != 1) {
+    report(failure.format, PQerrorMessage(connection()));
+    return failure.status;
+  }
+  if (PQsetSingleRowMode(connection()) != 1)
+    return endStream(failure.status, failure);
+  return 0;
+}
+
+bool Session::nextStreamedRow() {
+  result_.reset(PQgetResult(connection()));
+  return PQresultStatus(result()) == PGRES_SINGLE_TUPLE;
+}
+
+int Session::endStream(int status, const Failure &failure) {
+  if (status != 0) {
+    // The reader stopped: spare the server the rest of the work.
+    if (PGcancel *cancel = PQgetCancel(connection())) {
+      char why[256];
+      PQcancel(cancel, why, sizeof why);
+      PQfreeCancel(cancel);
+    }
+  } else {
+    // The last result tells whether the statement ran to its end.
+    status = check(Expect::Tuples, failure);
+  }
+  // The connection takes no other statement before libpq has handed out
+  // every result of this one.
+  while (PGresult *rest = PQgetResult(connection()))
+    PQclear(rest);
+  return status;
+}
+
 void Session::control(const char *sql) {
   result_.reset(PQexec(connection(), sql));
 }

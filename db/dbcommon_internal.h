@@ -11,6 +11,8 @@
 #include <cstring>
 #include <initializer_list>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include "base/alloc.h"
@@ -186,6 +188,42 @@ public:
     });
   }
 
+  // Runs body in a transaction opened with begin (for example "BEGIN
+  // ISOLATION LEVEL REPEATABLE READ") and checks every step, for writers that
+  // must know whether their changes were made: 0 once the server confirmed
+  // the COMMIT; body's status after a ROLLBACK; failure's status when begin
+  // or the COMMIT fails. *unanswered tells the one case in which nobody
+  // knows: the COMMIT was sent and the connection was lost before its answer.
+  template <typename Body>
+  int checkedTransaction(const char *begin, const Failure &failure, bool *unanswered, Body &&body) {
+    *unanswered = false;
+    if (int status = exec(begin, Expect::Command, failure))
+      return status;
+    if (int status = body()) {
+      control("ROLLBACK");
+      return status;
+    }
+    return commit(failure, unanswered);
+  }
+
+  // Sends a statement with $n text parameters and hands its rows to visit
+  // one at a time as they arrive (libpq's single-row mode), so that a result
+  // of any size is never held whole; while visit runs, the row readers see
+  // the current row as row 0. Returns 0 after the last row; failure's status
+  // when the statement fails, also part-way after rows were visited; or the
+  // first non-zero status of visit, after which the statement is cancelled
+  // and the rows still on their way are discarded.
+  template <typename Visit>
+  int stream(const char *sql, const Failure &failure, std::initializer_list<const char *> params,
+             Visit &&visit) {
+    if (int status = startStream(sql, failure, params))
+      return status;
+    int status = 0;
+    while (status == 0 && nextStreamedRow())
+      status = visit();
+    return endStream(status, failure);
+  }
+
   PGresult *result() const { return result_.get(); }
   int rows() const { return PQntuples(result()); }
   // Rows the last INSERT, UPDATE or DELETE wrote (0 for other statements).
@@ -212,6 +250,11 @@ private:
   int check(Expect expect, const Failure &failure);
   int execFormattedV(std::size_t size, Expect expect, const Failure &failure, const char *format,
                      va_list args) MFADB_PRINTF(5, 0);
+  int commit(const Failure &failure, bool *unanswered);
+  int startStream(const char *sql, const Failure &failure,
+                  std::initializer_list<const char *> params);
+  bool nextStreamedRow();
+  int endStream(int status, const Failure &failure);
   void reportV(int level, const char *format, va_list args) MFADB_PRINTF(3, 0);
   void control(const char *sql);
 
@@ -221,6 +264,29 @@ private:
   // Declared before the result so that the result is cleared first.
   std::unique_ptr<PGconn, Finish> connection_;
   std::unique_ptr<PGresult, Clear> result_;
+};
+
+// The text of a text[] parameter, {"a","b"}, holding each value as it is
+// (values hold no NUL): a whole column of values travels as one parameter to
+// a set-based statement, so no value is ever part of the statement's text.
+class TextArray {
+public:
+  void add(std::string_view value) {
+    text_.pop_back();
+    text_ += count_++ == 0 ? "\"" : ",\"";
+    for (char c : value) {
+      if (c == '"' || c == '\\')
+        text_ += '\\';
+      text_ += c;
+    }
+    text_ += "\"}";
+  }
+  int size() const { return count_; }
+  const char *text() const { return text_.c_str(); }
+
+private:
+  std::string text_ = "{}";
+  int count_ = 0;
 };
 
 // 0 with the statement in buffer, or 80106 with "statement too long"

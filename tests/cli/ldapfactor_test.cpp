@@ -4,29 +4,22 @@
 #include "cli/ldapuser.h"
 #include "support/env.h"
 #include "support/pgtest.h"
+#include "toolrun.h"
 
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 
-#include <fcntl.h>
 #include <pwd.h>
-#include <sched.h>
-#include <sys/mman.h>
-#include <sys/mount.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <functional>
 #include <regex>
 
 namespace {
+
+using clitest::Environment;
+using clitest::Ran;
+using clitest::Sink;
 
 using Values = std::array<std::string, 4>; // DN, SEARCHVAL, SEARCHVAL2, SEARCHVAL3
 const std::string kNotSet = "<not set>";
@@ -78,13 +71,9 @@ std::string aliceUnread(const std::string &cause, int status) {
          std::to_string(status) + ")\n" + unable("alice", 1200052);
 }
 
-using Environment = std::vector<std::pair<std::string, std::string>>;
 const Environment kDown = {{"PGHOST", kNoHost}, {"PGPORT", "5432"}};
 
 const std::string kTool = MFA_BINARY_DIR "/bin/ldapfactor";
-
-// Where the tool's standard output goes.
-enum class Sink { Captured, Full, ClosedPipe };
 
 struct Row {
   std::vector<std::string> args;
@@ -95,69 +84,8 @@ struct Row {
   Sink sink = Sink::Captured;
 };
 
-struct Ran {
-  int status;
-  std::string out, err;
-};
-
-std::string readBack(int fd) {
-  std::string text;
-  char buffer[4096];
-  lseek(fd, 0, SEEK_SET);
-  for (ssize_t got; (got = read(fd, buffer, sizeof buffer)) > 0;)
-    text.append(buffer, static_cast<size_t>(got));
-  close(fd);
-  static const std::regex stamp(R"(\d{4}-\d{2}-\d{2}-\d{2}-\d{2}-\d{2}\.\d{6} )");
-  return std::regex_replace(text, stamp, "<stamp> ");
-}
-
-// Runs in the child before the tool starts; a non-empty answer is why the
-// child could not be made ready, and the tool is not started.
-using Prepare = std::function<std::string()>;
-const std::string kNotPrepared = "not prepared: ";
-
-// Runs the tool with the row's arguments, environment and output. The shell
-// puts the words of MFA_LDAPFACTOR_WRAPPER, when set, in front of the tool
-// (the valgrind runs use it).
-Ran runTool(const Row &row, const Prepare &prepare = {}) {
-  std::vector<std::string> words = {"/bin/sh", "-c", R"(exec $MFA_LDAPFACTOR_WRAPPER "$0" "$@")",
-                                    kTool};
-  words.insert(words.end(), row.args.begin(), row.args.end());
-  std::vector<char *> argv;
-  for (std::string &word : words)
-    argv.push_back(word.data());
-  argv.push_back(nullptr);
-
-  const int out = memfd_create("stdout", 0);
-  const int err = memfd_create("stderr", 0);
-  int pipeEnds[2] = {-1, -1};
-  if (row.sink == Sink::ClosedPipe && pipe(pipeEnds) == 0)
-    close(pipeEnds[0]); // nobody will ever read
-  const pid_t child = fork();
-  if (child == 0) {
-    for (const auto &[name, value] : row.env)
-      setenv(name.c_str(), value.c_str(), 1);
-    if (prepare) {
-      if (std::string why = prepare(); !why.empty()) {
-        why = kNotPrepared + why;
-        (void)!write(err, why.data(), why.size());
-        _exit(127);
-      }
-    }
-    int sink = row.sink == Sink::Full         ? open("/dev/full", O_WRONLY)
-               : row.sink == Sink::ClosedPipe ? pipeEnds[1]
-                                              : out;
-    dup2(sink, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  if (pipeEnds[1] >= 0)
-    close(pipeEnds[1]);
-  int wstatus = 0;
-  EXPECT_EQ(waitpid(child, &wstatus, 0), child) << strerror(errno);
-  return {WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus), readBack(out),
-          readBack(err)};
+Ran runTool(const Row &row, const clitest::Prepare &prepare = {}) {
+  return clitest::runTool({kTool, row.args, row.env, row.sink, prepare});
 }
 
 // Runs the row and compares what the tool wrote and its exit status with it.
@@ -381,51 +309,10 @@ TEST_F(LdapFactorTool, OutputThatIsNotWrittenIsAnError) {
             R"({"DN":"cn=piped","SEARCHVAL":"alice@example.com","LASTSEARCH":"0"})");
 }
 
-// Makes the datagram socket at socketPath this process's system log: in a
-// private mount namespace /dev gets a writable layer (kept in a tmpfs at
-// layer) in which /dev/log links to the socket.
-std::string logTo(const std::string &socketPath, const std::string &layer) {
-  auto failed = [](const char *step) { return std::string(step) + ": " + strerror(errno); };
-  if (unshare(CLONE_NEWNS) != 0)
-    return failed("unshare");
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-    return failed("private mounts");
-  if (mount("tmpfs", layer.c_str(), "tmpfs", 0, nullptr) != 0 ||
-      mkdir((layer + "/upper").c_str(), 0755) != 0 || mkdir((layer + "/work").c_str(), 0755) != 0)
-    return failed("layer");
-  const std::string options =
-      "lowerdir=/dev,upperdir=" + layer + "/upper,workdir=" + layer + "/work";
-  if (mount("overlay", "/dev", "overlay", 0, options.c_str()) != 0)
-    return failed("overlay on /dev");
-  unlink("/dev/log");
-  if (symlink(socketPath.c_str(), "/dev/log") != 0)
-    return failed("/dev/log");
-  return "";
-}
-
 TEST_F(LdapFactorTool, EveryCommitAttemptIsLogged) {
   addRoles();
-  std::string dir = testing::TempDir() + "ldapfactor-log.XXXXXX";
-  ASSERT_NE(mkdtemp(dir.data()), nullptr) << strerror(errno);
-  const std::string socketPath = dir + "/log";
-  const std::string layer = dir + "/layer";
-  const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  struct Cleanup {
-    const std::string &dir;
-    int log;
-    ~Cleanup() {
-      close(log);
-      for (const char *name : {"/log", "/layer", ""})
-        remove((dir + name).c_str());
-    }
-  } cleanup{dir, log};
-  ASSERT_EQ(mkdir(layer.c_str(), 0755), 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  ASSERT_LT(socketPath.size(), sizeof address.sun_path);
-  strcpy(address.sun_path, socketPath.c_str());
-  ASSERT_EQ(bind(log, reinterpret_cast<sockaddr *>(&address), sizeof address), 0)
-      << strerror(errno);
+  clitest::LogCapture log;
+  ASSERT_EQ(log.failure(), "");
 
   // Priority (authpriv with notice or warning) and text; the time stamp and
   // process ID are masked.
@@ -456,18 +343,13 @@ TEST_F(LdapFactorTool, EveryCommitAttemptIsLogged) {
   };
   for (const Logged &row : rows) {
     SCOPED_TRACE(testing::PrintToString(row.args));
-    const Ran ran =
-        runTool({row.args, "", 0, "", row.env}, [&] { return logTo(socketPath, layer); });
-    if (ran.err.rfind(kNotPrepared, 0) == 0)
+    const Ran ran = runTool({row.args, "", 0, "", row.env}, log.prepare());
+    if (ran.err.rfind(clitest::kNotPrepared, 0) == 0)
       GTEST_SKIP() << "the system log cannot be replaced without a private mount namespace "
                       "and an overlay on /dev ("
-                   << ran.err.substr(kNotPrepared.size()) << ")";
-    std::string received;
-    char buffer[2048];
-    for (ssize_t got; (got = recv(log, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;)
-      received.append(buffer, static_cast<size_t>(got));
+                   << ran.err.substr(clitest::kNotPrepared.size()) << ")";
     static const std::regex stamp(R"(^(<\d+>)\w{3} [ \d]\d \d{2}:\d{2}:\d{2} ldapfactor\[\d+\])");
-    EXPECT_EQ(std::regex_replace(received, stamp, "$1ldapfactor[pid]"), row.line);
+    EXPECT_EQ(std::regex_replace(log.take(), stamp, "$1ldapfactor[pid]"), row.line);
   }
 }
 
