@@ -85,6 +85,16 @@ bool appendInterfaceTag(TagListBuilder &list, JsonObject *field) {
 
 // Room for the object even if every byte of every name and value needed an
 // escape: quotes, colon and comma per tag, braces and terminator.
+// The JSON reader takes byte 0xFF for the end of its input, so a stored
+// text holding one could never be read back: the whole object would be lost.
+bool readableBack(const factorTag *first) {
+  for (const factorTag *tag = first; tag != nullptr; tag = tag->next)
+    for (const char *text : {tag->tagName, tag->tagValue})
+      if (text != nullptr && std::strchr(text, '\xff') != nullptr)
+        return false;
+  return true;
+}
+
 uint64_t documentBound(const factorTag *first) {
   uint64_t bound = 3;
   for (const factorTag *tag = first; tag != nullptr; tag = tag->next) {
@@ -159,7 +169,7 @@ void createFactorTagsUI(JsonArray *fields, factorTag **firstTag, uint32_t *count
 }
 
 int createFactorJson(factorTag *firstTag, char **result) {
-  if (firstTag == nullptr || result == nullptr)
+  if (firstTag == nullptr || result == nullptr || !readableBack(firstTag))
     return FACTORTAGS_EMPTY_LIST;
   // A string writer drops what does not fit, so it is sized for the worst case.
   uint64_t capacity = documentBound(firstTag);

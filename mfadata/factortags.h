@@ -39,7 +39,8 @@ void createFactorTagsUI(JsonArray *fields, factorTag **firstTag, uint32_t *count
 
 // The stored shape of the list starting at firstTag: 0 and a new text in
 // *result (release with freeString), FACTORTAGS_EMPTY_LIST for a null
-// firstTag or result, or MFADATA_NO_MEMORY when memory is short; *result is
+// firstTag or result or for a name or value holding byte 0xFF (which no
+// reader of the stored text could get past), or MFADATA_NO_MEMORY when memory is short; *result is
 // untouched on failure.
 int createFactorJson(factorTag *firstTag, char **result);
 

@@ -90,6 +90,9 @@ TEST(FactorTags, JsonOfAListReadsBackAsTheSameList) {
 
   json = const_cast<char *>("untouched");
   EXPECT_EQ(createFactorJson(nullptr, &json), FACTORTAGS_EMPTY_LIST);
+  // A byte the reader would take for the end of the text is refused.
+  second.tagValue = const_cast<char *>("a\xff");
+  EXPECT_EQ(createFactorJson(&first, &json), FACTORTAGS_EMPTY_LIST);
   EXPECT_STREQ(json, "untouched");
 }
 
