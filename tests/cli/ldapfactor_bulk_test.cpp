@@ -2,46 +2,29 @@
 // against the test database: exports compared byte for byte, imports
 // previewed, committed, refused and failed, each refusal and failure
 // leaving every stored row as it was.
-#include "support/pgtest.h"
 #include "toolrun.h"
 
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 
-#include <pwd.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <fstream>
-#include <regex>
 #include <thread>
 
 namespace {
 
-using clitest::Environment;
+using clitest::kDown;
+using clitest::kUnreadable;
 using clitest::Ran;
+using clitest::Row;
 
 const std::string kTool = MFA_BINARY_DIR "/bin/ldapfactor-bulk";
-const std::string kDownHost = "/nonexistent/mfa";
-const Environment kDown = {{"PGHOST", kDownHost}, {"PGPORT", "5432"}};
 
 // Values that CSV must quote and JSON must escape, and text beyond ASCII.
-const std::string kCarolDn = "cn=\"O'Brien, Zoë\",ou=Ventes Europe";
 const std::string kCarolTags = R"({"DN":"cn=\"O'Brien, Zoë\",ou=Ventes Europe",)"
                                R"("SEARCHVAL":"line1\nline2","SEARCHVAL2":"a\r\nb",)"
                                R"("SEARCHVAL3":"","LASTSEARCH":"3"})";
-const std::vector<std::pair<std::string, std::string>> kStoredTags = {
-    {"alice",
-     R"({"DN":"cn=alice,dc=example,dc=com","SEARCHVAL":"alice@example.com","LASTSEARCH":"17"})"},
-    {"carol", kCarolTags},
-    {"malformed", R"({"DN":)"},
-    {"number", R"({"DN":"a","SEARCHVAL":7})"},
-    {"twice", R"({"DN":"a","DN":"b"})"},
-    {"unknown", R"({"DN":"a","COLOUR":"blue"})"},
-};
-const std::vector<std::string> kUnreadable = {"malformed", "number", "twice", "unknown"};
-
 const std::string kCsvHeader = "USERID,DN,SEARCHVAL,SEARCHVAL2,SEARCHVAL3,LASTSEARCH\r\n";
 const std::string kAliceCsv = "alice,\"cn=alice,dc=example,dc=com\",alice@example.com,,,17\r\n";
 const std::string kCarolCsv =
@@ -67,36 +50,16 @@ std::string refusedLines(const std::string &file, const std::vector<std::string>
          (problems.size() == 1 ? " problem" : " problems") + "; nothing was committed.\n";
 }
 std::string noServer() {
-  PGconn *probe = PQconnectdb(("dbname=mfadb port=5432 host=" + kDownHost).c_str());
-  std::string text = std::string(PQerrorMessage(probe));
-  PQfinish(probe);
-  return "MFADB:Connection to database failed: " + text.substr(0, text.find_last_not_of('\n') + 1) +
-         "\n";
+  return "MFADB:" + clitest::noServer();
 }
 
-struct Row {
-  std::vector<std::string> args;
-  std::string out;
-  int status;
-  std::string err = "";
-  Environment env = {};
-  std::string input = "";
-};
-
-// Users with the QMXLDAP1 tags of kStoredTags, and bob and dave without
+// Users with stored tags, carol's among them, and bob and dave without
 // factor data.
-class LdapFactorBulk : public mfatest::PgTest {
+class LdapFactorBulk : public clitest::ToolTest {
 protected:
+  LdapFactorBulk() : ToolTest(kTool, {{"carol", kCarolTags}}, {"bob", "dave"}) {}
   void SetUp() override {
-    PgTest::SetUp();
-    if (IsSkipped() || HasFatalFailure())
-      return;
-    for (const auto &[userid, tags] : kStoredTags) {
-      addUser(userid);
-      store(userid, tags);
-    }
-    addUser("bob");
-    addUser("dave");
+    ToolTest::SetUp();
     dir_ = testing::TempDir() + "ldapfactor-bulk.XXXXXX";
     ASSERT_NE(mkdtemp(dir_.data()), nullptr);
   }
@@ -104,26 +67,12 @@ protected:
     for (const std::string &path : written_)
       remove(path.c_str());
     remove(dir_.c_str());
-    PgTest::TearDown();
+    ToolTest::TearDown();
   }
 
-  void store(const std::string &userid, const std::string &tags) {
-    sql("insert into qmx_userfactor (userid, factorid, factortags, isactive) select u.userid, "
-        "f.factorid, " +
-        mfatest::quoted(tags) + ", 1 from qmx_user u, qmx_factor f where u.unixuid = " +
-        mfatest::quoted(userid) + " and f.factorname = 'QMXLDAP1'");
-  }
-  std::string storedTags(const std::string &userid) {
-    return value("select uf.factortags from qmx_userfactor uf join qmx_user u using (userid) "
-                 "where u.unixuid = " +
-                 mfatest::quoted(userid));
-  }
-  mfatest::Rows everyRow() { return sql("select * from qmx_userfactor order by userfactorid"); }
   void dropUnreadable() {
-    for (const std::string &user : kUnreadable)
-      sql("delete from qmx_userfactor where userid = (select userid from qmx_user where unixuid "
-          "= " +
-          mfatest::quoted(user) + ")");
+    sql("delete from qmx_userfactor uf using qmx_user u where u.userid = uf.userid and "
+        "u.unixuid not in ('alice', 'carol')");
   }
 
   // A file of the test's with the given content; its path.
@@ -134,16 +83,7 @@ protected:
     return path;
   }
 
-  Ran run(const Row &row) {
-    return clitest::runTool({kTool, row.args, row.env, clitest::Sink::Captured, {}, row.input});
-  }
-  void expectRun(const Row &row) {
-    SCOPED_TRACE(testing::PrintToString(row.args));
-    const Ran ran = run(row);
-    EXPECT_EQ(ran.status, row.status);
-    EXPECT_EQ(ran.out, row.out);
-    EXPECT_EQ(ran.err, row.err);
-  }
+  Ran run(const Row &row) { return clitest::runRow(kTool, row); }
 
   std::string dir_;
   std::vector<std::string> written_;
@@ -154,22 +94,17 @@ TEST(LdapFactorBulkGrammar, UsageOnGrammarErrors) {
       "Usage: " + kTool + " export [--format csv|jsonl] [USERID...]\n       " + kTool +
       " import [--format csv|jsonl] FILE [COMMIT]\nAn import without "
       "COMMIT only shows what it would change. FILE - reads standard input.\n";
-  for (const auto &[args, status] : std::vector<std::pair<std::vector<std::string>, int>>{
-           {{}, 0},
-           {{"--help"}, 0},
-           {{"frob"}, 64},
-           {{"export", "--format", "xml"}, 64},
-           {{"export", "--format"}, 64},
-           {{"export", "-x"}, 64},
-           {{"import"}, 64},
-           {{"import", "f", "commit"}, 64},
-           {{"import", "f", "COMMIT", "x"}, 64},
-       }) {
-    SCOPED_TRACE(testing::PrintToString(args));
-    const Ran ran = clitest::runTool({kTool, args});
-    EXPECT_EQ(ran.status, status);
-    EXPECT_EQ(status == 0 ? ran.out : ran.err, usage);
-  }
+  clitest::expectRun(kTool, {{}, usage, 0});
+  clitest::expectRun(kTool, {{"--help"}, usage, 0});
+  for (const std::vector<std::string> &args : std::vector<std::vector<std::string>>{
+           {"frob"},
+           {"export", "--format", "xml"},
+           {"export", "--format"},
+           {"export", "-x"},
+           {"import"},
+           {"import", "f", "commit"},
+           {"import", "f", "COMMIT", "x"}})
+    clitest::expectRun(kTool, {args, "", 64, usage});
 }
 
 TEST_F(LdapFactorBulk, ExportWritesEveryUserItCanRead) {
@@ -196,27 +131,18 @@ TEST_F(LdapFactorBulk, ExportWritesEveryUserItCanRead) {
        noServer() + "KVTR2415E The export stopped (sts=80101); the output is incomplete.\n",
        kDown},
   };
-  for (const Row &row : rows)
-    expectRun(row);
+  const std::string lost =
+      "KVTR2409E Standard output could not be written (write error); the export is incomplete.\n";
+  expectRun({{"export"}, "", 171, unreadableLines + lost, {}, clitest::Sink::Full});
 
-  const Ran full = clitest::runTool({kTool, {"export"}, {}, clitest::Sink::Full});
-  EXPECT_EQ(full.status, 171);
-  EXPECT_EQ(full.err, unreadableLines + "KVTR2409E Standard output could not be written (write "
-                                        "error); the export is incomplete.\n");
-}
-
-// A reader that goes away part-way ends the export early: the statement
-// still streaming is cancelled and the run reports the lost output.
-TEST_F(LdapFactorBulk, ExportEndsWhenNobodyReads) {
+  // A reader that goes away part-way ends the export early: the statement
+  // still streaming is cancelled and the run reports the lost output.
   dropUnreadable();
   sql("insert into qmx_user (unixuid) select 'user' || i from generate_series(1, 20000) i");
   sql("insert into qmx_userfactor (userid, factorid, factortags, isactive) select u.userid, "
       "f.factorid, '{\"DN\":\"cn=' || u.unixuid || '\"}', 1 from qmx_user u, qmx_factor f "
       "where u.unixuid like 'user%' and f.factorname = 'QMXLDAP1'");
-  const Ran ran = clitest::runTool({kTool, {"export"}, {}, clitest::Sink::ClosedPipe});
-  EXPECT_EQ(ran.status, 74);
-  EXPECT_EQ(ran.err, "KVTR2409E Standard output could not be written (write error); the export "
-                     "is incomplete.\n");
+  expectRun({{"export"}, "", 74, lost, {}, clitest::Sink::ClosedPipe});
 }
 
 TEST_F(LdapFactorBulk, ExportThenImportChangesNothing) {
@@ -260,7 +186,8 @@ TEST_F(LdapFactorBulk, ValuesComeBackByteForByte) {
   const std::string jsonl =
       R"({"USERID":"alice","DN":"Zo\u00eb \ud83d\ude00","SEARCHVAL":"\"\\\/\t"})"
       "\n";
-  ASSERT_EQ(run({{"import", "--format", "jsonl", "-", "COMMIT"}, "", 0, "", {}, jsonl}).status, 0);
+  ASSERT_EQ(run({{"import", "--format", "jsonl", "-", "COMMIT"}, "", 0, "", {}, {}, jsonl}).status,
+            0);
   EXPECT_EQ(storedTags("alice"),
             "{\"DN\":\"Zoë 😀\",\"SEARCHVAL\":\"\\\"\\\\/\t\",\"LASTSEARCH\":\"0\"}");
 }
@@ -425,44 +352,20 @@ TEST_F(LdapFactorBulk, FailedCommitsWriteNothing) {
 
 TEST_F(LdapFactorBulk, EveryImportWithCommitIsLogged) {
   clitest::LogCapture log;
-  ASSERT_EQ(log.failure(), "");
   const std::string path = file("log.csv", "USERID,DN\nalice,cn=new\nbob,cn=bob\ncarol,\n");
   const std::string refused = file("refused.csv", "USERID,DN\nalice,x\nnobody,x\n");
-  const passwd *me = getpwuid(getuid());
-  const std::string by = " uid=" + std::to_string(getuid()) +
-                         (me ? " osuser=\"" + std::string(me->pw_name) + "\"" : "");
-  auto line = [&](int priority, const std::string &file, const std::string &tail) {
+  auto line = [](int priority, const std::string &file, const std::string &tail) {
     return "<" + std::to_string(priority) +
-           ">ldapfactor-bulk[pid]: import factor=\"QMXLDAP1\" file=\"" + file + "\"" + by + " " +
-           tail;
+           ">ldapfactor-bulk[pid]: import factor=\"QMXLDAP1\" file=\"" + file + "\"" +
+           clitest::osUser() + " " + tail;
   };
-  struct Logged {
-    std::vector<std::string> args;
-    std::string line; // empty: nothing is logged
-    Environment env = {};
-  };
-  const std::vector<Logged> rows = {
-      {{"import", path}, ""},
-      {{"import", path, "COMMIT"},
-       line(85, path, "added=1 changed=1 unchanged=1 outcome=committed")},
-      {{"import", refused, "COMMIT"},
-       line(84, refused, "added=0 changed=1 unchanged=0 outcome=refused problems=1 status=65")},
-      {{"import", path, "COMMIT"},
-       line(84, path, "added=0 changed=0 unchanged=0 outcome=failed status=80101"),
-       kDown},
-  };
-  for (const Logged &row : rows) {
-    SCOPED_TRACE(testing::PrintToString(row.args));
-    const Ran ran =
-        clitest::runTool({kTool, row.args, row.env, clitest::Sink::Captured, log.prepare()});
-    if (ran.err.rfind(clitest::kNotPrepared, 0) == 0)
-      GTEST_SKIP() << "the system log cannot be replaced without a private mount namespace "
-                      "and an overlay on /dev ("
-                   << ran.err.substr(clitest::kNotPrepared.size()) << ")";
-    static const std::regex stamp(
-        R"(^(<\d+>)\w{3} [ \d]\d \d{2}:\d{2}:\d{2} ldapfactor-bulk\[\d+\])");
-    EXPECT_EQ(std::regex_replace(log.take(), stamp, "$1ldapfactor-bulk[pid]"), row.line);
-  }
+  expectLogged(log, {"import", path}, "");
+  expectLogged(log, {"import", path, "COMMIT"},
+               line(85, path, "added=1 changed=1 unchanged=1 outcome=committed"));
+  expectLogged(log, {"import", refused, "COMMIT"},
+               line(84, refused, "added=0 changed=1 unchanged=0 outcome=refused problems=1 status=65"));
+  expectLogged(log, {"import", path, "COMMIT"},
+               line(84, path, "added=0 changed=0 unchanged=0 outcome=failed status=80101"), kDown);
 }
 
 } // namespace

@@ -3,22 +3,18 @@
 // field description, the other reader of the stored data.
 #include "cli/ldapuser.h"
 #include "support/env.h"
-#include "support/pgtest.h"
 #include "toolrun.h"
 
 #include <gtest/gtest.h>
-#include <libpq-fe.h>
-
-#include <pwd.h>
-#include <unistd.h>
 
 #include <array>
 #include <regex>
 
 namespace {
 
-using clitest::Environment;
-using clitest::Ran;
+using clitest::kDown;
+using clitest::noServer;
+using clitest::Row;
 using clitest::Sink;
 
 using Values = std::array<std::string, 4>; // DN, SEARCHVAL, SEARCHVAL2, SEARCHVAL3
@@ -54,16 +50,6 @@ std::string refused(const std::string &user, int status) {
          " could not be read (sts=" + std::to_string(status) + "); nothing was committed.\n";
 }
 
-// What libpq says when the server's socket directory does not exist.
-std::string noServer(const std::string &host) {
-  PGconn *probe = PQconnectdb(("dbname=mfadb port=5432 host=" + host).c_str());
-  const std::string text = std::string("Connection to database failed: ") + PQerrorMessage(probe);
-  PQfinish(probe);
-  EXPECT_NE(text.find(host), std::string::npos) << text;
-  return text;
-}
-const std::string kNoHost = "/nonexistent/mfa";
-
 // What the read of alice's data prints when it fails with status after
 // libpq's or the server's cause.
 std::string aliceUnread(const std::string &cause, int status) {
@@ -71,31 +57,7 @@ std::string aliceUnread(const std::string &cause, int status) {
          std::to_string(status) + ")\n" + unable("alice", 1200052);
 }
 
-const Environment kDown = {{"PGHOST", kNoHost}, {"PGPORT", "5432"}};
-
 const std::string kTool = MFA_BINARY_DIR "/bin/ldapfactor";
-
-struct Row {
-  std::vector<std::string> args;
-  std::string out; // time stamps masked as "<stamp> "
-  int status;      // exit status, or 128 + signal
-  std::string err = "";
-  Environment env = {}; // overrides of the test's environment
-  Sink sink = Sink::Captured;
-};
-
-Ran runTool(const Row &row, const clitest::Prepare &prepare = {}) {
-  return clitest::runTool({kTool, row.args, row.env, row.sink, prepare});
-}
-
-// Runs the row and compares what the tool wrote and its exit status with it.
-void expectRun(const Row &row) {
-  SCOPED_TRACE(testing::PrintToString(row.args));
-  const Ran ran = runTool(row);
-  EXPECT_EQ(ran.status, row.status);
-  EXPECT_EQ(ran.out, row.out);
-  EXPECT_EQ(ran.err, row.err);
-}
 
 TEST(LdapFactorGrammar, UsageWithoutArgumentsOrOnGrammarErrors) {
   const std::string usage =
@@ -107,17 +69,8 @@ TEST(LdapFactorGrammar, UsageWithoutArgumentsOrOnGrammarErrors) {
                                          {{"u", "a", "COMMIT", "b"}, usage, 253},
                                          {{"u", "COMMIT", "COMMIT"}, usage, 253},
                                          {{"u", "a", "b", "c", "d", "COMMIT", "x"}, usage, 253}})
-    expectRun(row);
+    clitest::expectRun(kTool, row);
 }
-
-const std::vector<std::pair<std::string, std::string>> kStoredTags = {
-    {"alice",
-     R"({"DN":"cn=alice,dc=example,dc=com","SEARCHVAL":"alice@example.com","LASTSEARCH":"17"})"},
-    {"malformed", R"({"DN":)"},
-    {"number", R"({"DN":"a","SEARCHVAL":7})"},
-    {"twice", R"({"DN":"a","DN":"b"})"},
-    {"unknown", R"({"DN":"a","COLOUR":"blue"})"},
-};
 
 // Login roles that make one step of a run fail: the first may write the
 // factor links but not read their tags, the second may read everything and
@@ -125,30 +78,10 @@ const std::vector<std::pair<std::string, std::string>> kStoredTags = {
 const std::string kBlindWriter = "ldapfactor_blind_writer";
 const std::string kReader = "ldapfactor_reader";
 
-// Users with the QMXLDAP1 tags of kStoredTags, and bob and carol without
-// factor data.
-class LdapFactorTool : public mfatest::PgTest {
+// Users with stored tags, and bob and carol without factor data.
+class LdapFactorTool : public clitest::ToolTest {
 protected:
-  void SetUp() override {
-    PgTest::SetUp();
-    if (IsSkipped() || HasFatalFailure())
-      return;
-    for (const auto &[userid, tags] : kStoredTags) {
-      addUser(userid);
-      sql("insert into qmx_userfactor (userid, factorid, factortags, isactive) select u.userid, "
-          "f.factorid, " +
-          mfatest::quoted(tags) + ", 1 from qmx_user u, qmx_factor f where u.unixuid = " +
-          mfatest::quoted(userid) + " and f.factorname = 'QMXLDAP1'");
-    }
-    addUser("bob");
-    addUser("carol");
-  }
-
-  std::string storedTags(const std::string &userid) {
-    return value("select uf.factortags from qmx_userfactor uf join qmx_user u using (userid) "
-                 "where u.unixuid = " +
-                 mfatest::quoted(userid));
-  }
+  LdapFactorTool() : ToolTest(kTool, {}, {"bob", "carol"}) {}
 
   // Roles outlive the tables' contents: one that an earlier test made stays.
   void addRoles() {
@@ -173,15 +106,12 @@ TEST_F(LdapFactorTool, ShowingWritesNothing) {
       {{"malformed"}, existing("malformed", kNothing) + pending("malformed", kNothing), 0},
       {{"twice"}, unable("twice", 69803) + pending("twice", kNothing), 69803 & 0xff},
       {{"unknown"}, unable("unknown", 69803) + pending("unknown", kNothing), 69803 & 0xff},
-      {{"alice"},
-       aliceUnread(noServer(kNoHost), 80101) + pending("alice", kNothing),
-       1200052 & 0xff,
-       "",
+      {{"alice"}, aliceUnread(noServer(), 80101) + pending("alice", kNothing), 1200052 & 0xff, "",
        kDown},
   };
   for (const Row &row : rows)
     expectRun(row);
-  for (const auto &[userid, tags] : kStoredTags)
+  for (const auto &[userid, tags] : clitest::kStoredTags)
     EXPECT_EQ(storedTags(userid), tags);
 }
 
@@ -231,10 +161,10 @@ TEST_F(LdapFactorTool, CommittingReplacesTheValuesGiven) {
 // that is not defined, or fails; none of them changes a stored byte.
 TEST_F(LdapFactorTool, CommitsThatCannotBeTrustedWriteNothing) {
   addRoles();
-  const mfatest::Rows before = sql("select * from qmx_userfactor order by userfactorid");
+  const mfatest::Rows before = everyRow();
   const Values given = {"cn=new", kNotSet, kNotSet, kNotSet};
   auto refusal = [&](const std::string &user, const std::string &read, int status,
-                     const Environment &env = {}) {
+                     const clitest::Environment &env = {}) {
     return Row{{user, "cn=new", "COMMIT"},
                read + pendingOnly(user, given),
                status & 0xff,
@@ -258,7 +188,7 @@ TEST_F(LdapFactorTool, CommitsThatCannotBeTrustedWriteNothing) {
           "alice",
           aliceUnread("SELECT failed: ERROR:  permission denied for table qmx_userfactor\n", 80102),
           1200052, {{"PGUSER", kBlindWriter}}),
-      refusal("alice", aliceUnread(noServer(kNoHost), 80101), 1200052, kDown),
+      refusal("alice", aliceUnread(noServer(), 80101), 1200052, kDown),
       undefinedUser("nobody"),
       undefinedUser(""),
       {{"alice", "cn=new", "COMMIT"},
@@ -272,7 +202,7 @@ TEST_F(LdapFactorTool, CommitsThatCannotBeTrustedWriteNothing) {
   };
   for (const Row &row : rows)
     expectRun(row);
-  EXPECT_EQ(sql("select * from qmx_userfactor order by userfactorid"), before);
+  EXPECT_EQ(everyRow(), before);
 
   // What kept the blind writer from committing was the read: the write
   // itself goes through.
@@ -290,21 +220,14 @@ TEST_F(LdapFactorTool, OutputThatIsNotWrittenIsAnError) {
   auto lost = [](const std::string &reason, const std::string &outcome) {
     return "KVTR2409E Standard output could not be written (" + reason + "); " + outcome + ".\n";
   };
-  const std::string full = "No space left on device";
-  const std::vector<Row> rows = {
-      {{}, "", 74, lost(full, "nothing was committed"), {}, Sink::Full},
-      {{"alice"}, "", 74, lost(full, "nothing was committed"), {}, Sink::Full},
-      // A failed run keeps its own status.
-      {{"bob"}, "", 170, lost(full, "nothing was committed"), {}, Sink::Full},
-      {{"alice", "cn=piped", "COMMIT"},
-       "",
-       74,
-       lost("Broken pipe", "QMXLDAP1 factor data for alice was committed"),
-       {},
-       Sink::ClosedPipe},
-  };
-  for (const Row &row : rows)
-    expectRun(row);
+  const std::string full = lost("No space left on device", "nothing was committed");
+  // A failed run keeps its own status.
+  for (const auto &[args, status] : std::vector<std::pair<std::vector<std::string>, int>>{
+           {{}, 74}, {{"alice"}, 74}, {{"bob"}, 170}})
+    expectRun({args, "", status, full, {}, Sink::Full});
+  expectRun({{"alice", "cn=piped", "COMMIT"}, "", 74,
+             lost("Broken pipe", "QMXLDAP1 factor data for alice was committed"), {},
+             Sink::ClosedPipe});
   EXPECT_EQ(storedTags("alice"),
             R"({"DN":"cn=piped","SEARCHVAL":"alice@example.com","LASTSEARCH":"0"})");
 }
@@ -312,45 +235,24 @@ TEST_F(LdapFactorTool, OutputThatIsNotWrittenIsAnError) {
 TEST_F(LdapFactorTool, EveryCommitAttemptIsLogged) {
   addRoles();
   clitest::LogCapture log;
-  ASSERT_EQ(log.failure(), "");
-
-  // Priority (authpriv with notice or warning) and text; the time stamp and
-  // process ID are masked.
-  const passwd *me = getpwuid(getuid());
-  const std::string head = "ldapfactor[pid]: commit factor=\"QMXLDAP1\" user=";
-  const std::string by = " uid=" + std::to_string(getuid()) +
-                         (me ? " osuser=\"" + std::string(me->pw_name) + "\"" : "");
-  struct Logged {
-    std::vector<std::string> args;
-    std::string line; // empty: nothing is logged
-    Environment env = {};
+  // Priority (authpriv with notice or warning) and text.
+  auto line = [](int priority, const std::string &user, const std::string &tail) {
+    return "<" + std::to_string(priority) + ">ldapfactor[pid]: commit factor=\"QMXLDAP1\" user=\"" +
+           user + "\"" + clitest::osUser() + " fields=" + tail;
   };
-  const std::vector<Logged> rows = {
-      {{"alice", "cn=x", "s", "COMMIT"},
-       "<85>" + head + "\"alice\"" + by + " fields=DN,SEARCHVAL outcome=committed"},
-      {{"alice"}, ""},
-      {{"twice", "COMMIT"},
-       "<84>" + head + "\"twice\"" + by +
-           " fields=none outcome=refused reason=\"existing data not read\" status=69803"},
-      // Nothing a user ID holds can end the record or forge a field.
-      {{"ev\"il\n", "", "", "", "", "COMMIT"},
-       "<84>" + head + "\"ev\\x22il\\x0a\"" + by +
-           " fields=DN,SEARCHVAL,SEARCHVAL2,SEARCHVAL3 outcome=refused reason=\"user not "
-           "defined\" status=80105"},
-      {{"alice", "COMMIT"},
-       "<84>" + head + "\"alice\"" + by + " fields=none outcome=failed status=80107",
-       {{"PGUSER", kReader}}},
-  };
-  for (const Logged &row : rows) {
-    SCOPED_TRACE(testing::PrintToString(row.args));
-    const Ran ran = runTool({row.args, "", 0, "", row.env}, log.prepare());
-    if (ran.err.rfind(clitest::kNotPrepared, 0) == 0)
-      GTEST_SKIP() << "the system log cannot be replaced without a private mount namespace "
-                      "and an overlay on /dev ("
-                   << ran.err.substr(clitest::kNotPrepared.size()) << ")";
-    static const std::regex stamp(R"(^(<\d+>)\w{3} [ \d]\d \d{2}:\d{2}:\d{2} ldapfactor\[\d+\])");
-    EXPECT_EQ(std::regex_replace(log.take(), stamp, "$1ldapfactor[pid]"), row.line);
-  }
+  expectLogged(log, {"alice", "cn=x", "s", "COMMIT"},
+               line(85, "alice", "DN,SEARCHVAL outcome=committed"));
+  expectLogged(log, {"alice"}, "");
+  expectLogged(log, {"twice", "COMMIT"},
+               line(84, "twice",
+                    "none outcome=refused reason=\"existing data not read\" status=69803"));
+  // Nothing a user ID holds can end the record or forge a field.
+  expectLogged(log, {"ev\"il\n", "", "", "", "", "COMMIT"},
+               line(84, "ev\\x22il\\x0a",
+                    "DN,SEARCHVAL,SEARCHVAL2,SEARCHVAL3 outcome=refused reason=\"user not "
+                    "defined\" status=80105"));
+  expectLogged(log, {"alice", "COMMIT"}, line(84, "alice", "none outcome=failed status=80107"),
+               {{"PGUSER", kReader}});
 }
 
 TEST_F(LdapFactorTool, FieldDescriptionShowsTheStoredValues) {

@@ -1,8 +1,10 @@
 #include "toolrun.h"
 
 #include <gtest/gtest.h>
+#include <libpq-fe.h>
 
 #include <fcntl.h>
+#include <pwd.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -106,6 +108,76 @@ Ran finish(const Started &started) {
   EXPECT_EQ(waitpid(started.pid, &wstatus, 0), started.pid) << strerror(errno);
   return {WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus),
           readBack(started.out), readBack(started.err)};
+}
+
+Ran runRow(const std::string &tool, const Row &row, const Prepare &prepare) {
+  return runTool({tool, row.args, row.env, row.sink, prepare, row.input});
+}
+
+void expectRun(const std::string &tool, const Row &row) {
+  SCOPED_TRACE(testing::PrintToString(row.args));
+  const Ran ran = runRow(tool, row);
+  EXPECT_EQ(ran.status, row.status);
+  EXPECT_EQ(ran.out, row.out);
+  EXPECT_EQ(ran.err, row.err);
+}
+
+std::string noServer() {
+  PGconn *probe = PQconnectdb(("dbname=mfadb port=5432 host=" + kNoHost).c_str());
+  const std::string text = std::string("Connection to database failed: ") + PQerrorMessage(probe);
+  PQfinish(probe);
+  EXPECT_NE(text.find(kNoHost), std::string::npos) << text;
+  return text;
+}
+
+std::string osUser() {
+  const passwd *me = getpwuid(getuid());
+  return " uid=" + std::to_string(getuid()) +
+         (me ? " osuser=\"" + std::string(me->pw_name) + "\"" : "");
+}
+
+void ToolTest::SetUp() {
+  PgTest::SetUp();
+  if (IsSkipped() || HasFatalFailure())
+    return;
+  for (const StoredTags &stored : {kStoredTags, more_})
+    for (const auto &[userid, tags] : stored) {
+      addUser(userid);
+      store(userid, tags);
+    }
+  for (const std::string &userid : bare_)
+    addUser(userid);
+}
+
+void ToolTest::store(const std::string &userid, const std::string &tags) {
+  sql("insert into qmx_userfactor (userid, factorid, factortags, isactive) select u.userid, "
+      "f.factorid, " +
+      mfatest::quoted(tags) + ", 1 from qmx_user u, qmx_factor f where u.unixuid = " +
+      mfatest::quoted(userid) + " and f.factorname = 'QMXLDAP1'");
+}
+
+std::string ToolTest::storedTags(const std::string &userid) {
+  return value("select uf.factortags from qmx_userfactor uf join qmx_user u using (userid) "
+               "where u.unixuid = " +
+               mfatest::quoted(userid));
+}
+
+mfatest::Rows ToolTest::everyRow() {
+  return sql("select * from qmx_userfactor order by userfactorid");
+}
+
+void ToolTest::expectLogged(LogCapture &log, const std::vector<std::string> &args,
+                            const std::string &line, const Environment &env) {
+  SCOPED_TRACE(testing::PrintToString(args));
+  ASSERT_EQ(log.failure(), "");
+  const Ran ran = runRow(tool_, {args, "", 0, "", env}, log.prepare());
+  if (ran.err.starts_with(kNotPrepared))
+    GTEST_SKIP() << "the system log cannot be replaced without a private mount namespace and an "
+                    "overlay on /dev ("
+                 << ran.err.substr(kNotPrepared.size()) << ")";
+  // "<priority>Mmm dd hh:mm:ss tool[pid]: ..."
+  static const std::regex stamp(R"(^(<\d+>)\w{3} [ \d]\d \d{2}:\d{2}:\d{2} ([\w-]+)\[\d+\])");
+  EXPECT_EQ(std::regex_replace(log.take(), stamp, "$1$2[pid]"), line);
 }
 
 LogCapture::LogCapture() {

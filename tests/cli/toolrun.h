@@ -1,8 +1,10 @@
 // Runs the command-line tools as an administrator would: with arguments,
 // environment overrides and standard output captured, sent to a full disk
 // or to a closed pipe, and with the system log replaced by a socket of the
-// test.
+// test; and the database fixture and table rows of their acceptance tests.
 #pragma once
+
+#include "support/pgtest.h"
 
 #include <sys/types.h>
 
@@ -39,6 +41,17 @@ struct Ran {
   std::string out, err; // time stamps masked as "<stamp> "
 };
 
+// A row of an acceptance table: a run and what it must write and end with.
+struct Row {
+  std::vector<std::string> args;
+  std::string out;
+  int status;
+  std::string err = "";
+  Environment env = {};
+  Sink sink = Sink::Captured;
+  std::string input = "";
+};
+
 // A tool started and not yet waited for.
 struct Started {
   pid_t pid;
@@ -52,6 +65,20 @@ Ran finish(const Started &started);
 inline Ran runTool(const Run &run) {
   return finish(start(run));
 }
+Ran runRow(const std::string &tool, const Row &row, const Prepare &prepare = {});
+// Runs the row and compares the output and exit status with it.
+void expectRun(const std::string &tool, const Row &row);
+
+// A server that cannot be reached, and what libpq says of it.
+const std::string kNoHost = "/nonexistent/mfa";
+const Environment kDown = {{"PGHOST", kNoHost}, {"PGPORT", "5432"}};
+std::string noServer();
+// How the system log names the invoking user: " uid=N osuser="name"".
+std::string osUser();
+
+using StoredTags = std::vector<std::pair<std::string, std::string>>;
+// Users whose stored QMXLDAP1 tags cannot be read as the factor's record.
+const std::vector<std::string> kUnreadable = {"malformed", "number", "twice", "unknown"};
 
 // A datagram socket of the test that stands in for /dev/log in the tools
 // started with its prepare().
@@ -75,5 +102,36 @@ private:
   int socket_ = -1;
   std::string failure_;
 };
+
+// Users alice and those of kUnreadable with stored QMXLDAP1 tags, the users
+// of more with theirs, and the users of bare without factor data.
+class ToolTest : public mfatest::PgTest {
+protected:
+  ToolTest(std::string tool, StoredTags more, std::vector<std::string> bare)
+      : tool_(std::move(tool)), more_(std::move(more)), bare_(std::move(bare)) {}
+  void SetUp() override;
+
+  void store(const std::string &userid, const std::string &tags);
+  std::string storedTags(const std::string &userid);
+  mfatest::Rows everyRow();
+  void expectRun(const Row &row) const { clitest::expectRun(tool_, row); }
+  // Runs the tool with log as its system log and compares what it logged
+  // (time stamp and process ID masked; empty: nothing) with line; skips the
+  // test where the log cannot be replaced.
+  void expectLogged(LogCapture &log, const std::vector<std::string> &args,
+                    const std::string &line, const Environment &env = {});
+
+  const std::string tool_;
+  const StoredTags more_;
+  const std::vector<std::string> bare_;
+};
+
+const std::string kAliceTags =
+    R"({"DN":"cn=alice,dc=example,dc=com","SEARCHVAL":"alice@example.com","LASTSEARCH":"17"})";
+const StoredTags kStoredTags = {{"alice", kAliceTags},
+                                {"malformed", R"({"DN":)"},
+                                {"number", R"({"DN":"a","SEARCHVAL":7})"},
+                                {"twice", R"({"DN":"a","DN":"b"})"},
+                                {"unknown", R"({"DN":"a","COLOUR":"blue"})"}};
 
 } // namespace clitest
