@@ -96,14 +96,14 @@ TEST(LdapFactorBulkGrammar, UsageOnGrammarErrors) {
       "COMMIT only shows what it would change. FILE - reads standard input.\n";
   clitest::expectRun(kTool, {{}, usage, 0});
   clitest::expectRun(kTool, {{"--help"}, usage, 0});
-  for (const std::vector<std::string> &args : std::vector<std::vector<std::string>>{
-           {"frob"},
-           {"export", "--format", "xml"},
-           {"export", "--format"},
-           {"export", "-x"},
-           {"import"},
-           {"import", "f", "commit"},
-           {"import", "f", "COMMIT", "x"}})
+  for (const std::vector<std::string> &args :
+       std::vector<std::vector<std::string>>{{"frob"},
+                                             {"export", "--format", "xml"},
+                                             {"export", "--format"},
+                                             {"export", "-x"},
+                                             {"import"},
+                                             {"import", "f", "commit"},
+                                             {"import", "f", "COMMIT", "x"}})
     clitest::expectRun(kTool, {args, "", 64, usage});
 }
 
@@ -232,7 +232,10 @@ TEST_F(LdapFactorBulk, RefusedImportsWriteNothing) {
   };
   const std::string long256(256, 'x');
   const std::string utf8At255 = std::string(254, 'x') + "é"; // 255 characters, 256 bytes
-  const std::string unread = " cannot be read (sts=69803)";
+  auto unread = [](int line, const std::string &user) {
+    return std::to_string(line) + ": the stored QMXLDAP1 factor data of user \"" + user +
+           "\" cannot be read (sts=69803)";
+  };
   const std::vector<Refusal> refusals = {
       {"csv", "bob,\"open\n", {"3: a quoted field is not closed"}},
       {"csv", "bob,a\"b\n", {"3: a quote inside a field that does not begin with one"}},
@@ -248,10 +251,7 @@ TEST_F(LdapFactorBulk, RefusedImportsWriteNothing) {
       {"csv", "bob,x\nalice,y\n", {"4: user \"alice\" repeats line 2"}},
       {"csv",
        "twice,x\nunknown,x\nmalformed,x\nnumber,x\n",
-       {"3: the stored QMXLDAP1 factor data of user \"twice\"" + unread,
-        "4: the stored QMXLDAP1 factor data of user \"unknown\"" + unread,
-        "5: the stored QMXLDAP1 factor data of user \"malformed\"" + unread,
-        "6: the stored QMXLDAP1 factor data of user \"number\"" + unread}},
+       {unread(3, "twice"), unread(4, "unknown"), unread(5, "malformed"), unread(6, "number")}},
       {"jsonl", "{\"USERID\":\"bob\"\n", {"2: not JSON (1:16: expected }, got end of file)"}},
       {"jsonl", "[\"bob\"]\n", {"2: not a JSON object"}},
       {"jsonl", R"({"USERID":"bob","DN":1})", {"2: the value of DN is not a string"}},
@@ -362,8 +362,9 @@ TEST_F(LdapFactorBulk, EveryImportWithCommitIsLogged) {
   expectLogged(log, {"import", path}, "");
   expectLogged(log, {"import", path, "COMMIT"},
                line(85, path, "added=1 changed=1 unchanged=1 outcome=committed"));
-  expectLogged(log, {"import", refused, "COMMIT"},
-               line(84, refused, "added=0 changed=1 unchanged=0 outcome=refused problems=1 status=65"));
+  expectLogged(
+      log, {"import", refused, "COMMIT"},
+      line(84, refused, "added=0 changed=1 unchanged=0 outcome=refused problems=1 status=65"));
   expectLogged(log, {"import", path, "COMMIT"},
                line(84, path, "added=0 changed=0 unchanged=0 outcome=failed status=80101"), kDown);
 }

@@ -1,7 +1,7 @@
-// Runs the command-line tools as an administrator would: with arguments,
-// environment overrides and standard output captured, sent to a full disk
-// or to a closed pipe, and with the system log replaced by a socket of the
-// test; and the database fixture and table rows of their acceptance tests.
+// Runs the command-line tools as an administrator would (arguments,
+// environment overrides, standard input; standard output captured, sent to a
+// full disk or to a closed pipe; the system log replaced by a socket of the
+// test), and the database fixture and table rows of their acceptance tests.
 #pragma once
 
 #include "support/pgtest.h"
@@ -16,15 +16,10 @@
 namespace clitest {
 
 using Environment = std::vector<std::pair<std::string, std::string>>;
-
-// Where the tool's standard output goes.
-enum class Sink { Captured, Full, ClosedPipe };
-
-// Runs in the child before the tool starts; a non-empty answer is why the
-// child could not be made ready, and the tool is not started.
+enum class Sink { Captured, Full, ClosedPipe }; // where standard output goes
+// Runs in the child before the tool; a non-empty answer is why the child
+// could not be made ready: it writes kNotPrepared and that, and ends.
 using Prepare = std::function<std::string()>;
-// What the child writes to standard error, before the reason, when Prepare
-// failed.
 extern const std::string kNotPrepared;
 
 struct Run {
@@ -35,12 +30,10 @@ struct Run {
   Prepare prepare = {};
   std::string input = ""; // standard input
 };
-
 struct Ran {
   int status;           // exit status, or 128 + signal
   std::string out, err; // time stamps masked as "<stamp> "
 };
-
 // A row of an acceptance table: a run and what it must write and end with.
 struct Row {
   std::vector<std::string> args;
@@ -52,14 +45,12 @@ struct Row {
   std::string input = "";
 };
 
-// A tool started and not yet waited for.
+// A tool started and not yet waited for. The shell puts the words of
+// MFA_LDAPFACTOR_WRAPPER, when set, in front of the tool (the valgrind runs).
 struct Started {
   pid_t pid;
   int out, err;
 };
-
-// The shell puts the words of MFA_LDAPFACTOR_WRAPPER, when set, in front of
-// the tool (the valgrind runs use it).
 Started start(const Run &run);
 Ran finish(const Started &started);
 inline Ran runTool(const Run &run) {
@@ -76,26 +67,18 @@ std::string noServer();
 // How the system log names the invoking user: " uid=N osuser="name"".
 std::string osUser();
 
-using StoredTags = std::vector<std::pair<std::string, std::string>>;
-// Users whose stored QMXLDAP1 tags cannot be read as the factor's record.
-const std::vector<std::string> kUnreadable = {"malformed", "number", "twice", "unknown"};
-
 // A datagram socket of the test that stands in for /dev/log in the tools
-// started with its prepare().
+// started with its prepare(): a private mount namespace with a writable
+// layer over /dev in which /dev/log links to it.
 class LogCapture {
 public:
   LogCapture();
   ~LogCapture();
   LogCapture(const LogCapture &) = delete;
   LogCapture &operator=(const LogCapture &) = delete;
-
-  // Empty when the socket is ready, else why not.
-  const std::string &failure() const { return failure_; }
-  // Makes the socket the system log of the child: a private mount namespace
-  // with a writable layer over /dev in which /dev/log links to it.
+  const std::string &failure() const { return failure_; } // empty when ready
   Prepare prepare() const;
-  // The records received since the last call.
-  std::string take();
+  std::string take(); // the records received since the last call
 
 private:
   std::string dir_;
@@ -103,8 +86,19 @@ private:
   std::string failure_;
 };
 
-// Users alice and those of kUnreadable with stored QMXLDAP1 tags, the users
-// of more with theirs, and the users of bare without factor data.
+using StoredTags = std::vector<std::pair<std::string, std::string>>;
+const StoredTags kStoredTags = {
+    {"alice",
+     R"({"DN":"cn=alice,dc=example,dc=com","SEARCHVAL":"alice@example.com","LASTSEARCH":"17"})"},
+    {"malformed", R"({"DN":)"},
+    {"number", R"({"DN":"a","SEARCHVAL":7})"},
+    {"twice", R"({"DN":"a","DN":"b"})"},
+    {"unknown", R"({"DN":"a","COLOUR":"blue"})"}};
+// The users above whose tags cannot be read as the factor's record.
+const std::vector<std::string> kUnreadable = {"malformed", "number", "twice", "unknown"};
+
+// Users with the tags of kStoredTags and of more, and the users of bare
+// without factor data.
 class ToolTest : public mfatest::PgTest {
 protected:
   ToolTest(std::string tool, StoredTags more, std::vector<std::string> bare)
@@ -118,20 +112,12 @@ protected:
   // Runs the tool with log as its system log and compares what it logged
   // (time stamp and process ID masked; empty: nothing) with line; skips the
   // test where the log cannot be replaced.
-  void expectLogged(LogCapture &log, const std::vector<std::string> &args,
-                    const std::string &line, const Environment &env = {});
+  void expectLogged(LogCapture &log, const std::vector<std::string> &args, const std::string &line,
+                    const Environment &env = {});
 
   const std::string tool_;
   const StoredTags more_;
   const std::vector<std::string> bare_;
 };
-
-const std::string kAliceTags =
-    R"({"DN":"cn=alice,dc=example,dc=com","SEARCHVAL":"alice@example.com","LASTSEARCH":"17"})";
-const StoredTags kStoredTags = {{"alice", kAliceTags},
-                                {"malformed", R"({"DN":)"},
-                                {"number", R"({"DN":"a","SEARCHVAL":7})"},
-                                {"twice", R"({"DN":"a","DN":"b"})"},
-                                {"unknown", R"({"DN":"a","COLOUR":"blue"})"}};
 
 } // namespace clitest
