@@ -308,8 +308,8 @@ TEST_F(LdapFactorBulk, FailedCommitsWriteNothing) {
   // connection is ended as a server shutdown ends it.
   PGconn *holder = PQconnectdb("dbname=mfadb");
   PQclear(PQexec(holder, "begin; lock table qmx_userfactor in exclusive mode"));
-  const clitest::Started started =
-      clitest::start({kTool, {"import", change, "COMMIT"}, {{"PGAPPNAME", "bulk-under-test"}}});
+  const clitest::Started started = clitest::start(
+      kTool, {{"import", change, "COMMIT"}, "", 0, "", {{"PGAPPNAME", "bulk-under-test"}}});
   std::string ended;
   for (int tries = 0; tries < 600 && ended != "t"; tries++) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));

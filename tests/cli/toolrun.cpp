@@ -60,9 +60,9 @@ std::string logTo(const std::string &socketPath, const std::string &layer) {
 
 } // namespace
 
-Started start(const Run &run) {
+Started start(const std::string &tool, const Row &run, const Prepare &prepare) {
   std::vector<std::string> words = {"/bin/sh", "-c", R"(exec $MFA_LDAPFACTOR_WRAPPER "$0" "$@")",
-                                    run.tool};
+                                    tool};
   words.insert(words.end(), run.args.begin(), run.args.end());
   std::vector<char *> argv;
   for (std::string &word : words)
@@ -81,12 +81,10 @@ Started start(const Run &run) {
   if (child == 0) {
     for (const auto &[name, value] : run.env)
       setenv(name.c_str(), value.c_str(), 1);
-    if (run.prepare) {
-      if (std::string why = run.prepare(); !why.empty()) {
-        why = kNotPrepared + why;
-        (void)!write(err, why.data(), why.size());
-        _exit(127);
-      }
+    if (const std::string why = prepare ? prepare() : ""; !why.empty()) {
+      const std::string text = kNotPrepared + why;
+      (void)!write(err, text.data(), text.size());
+      _exit(127);
     }
     int sink = run.sink == Sink::Full         ? open("/dev/full", O_WRONLY)
                : run.sink == Sink::ClosedPipe ? pipeEnds[1]
@@ -110,10 +108,6 @@ Ran finish(const Started &started) {
           readBack(started.out), readBack(started.err)};
 }
 
-Ran runRow(const std::string &tool, const Row &row, const Prepare &prepare) {
-  return runTool({tool, row.args, row.env, row.sink, prepare, row.input});
-}
-
 void expectRun(const std::string &tool, const Row &row) {
   SCOPED_TRACE(testing::PrintToString(row.args));
   const Ran ran = runRow(tool, row);
@@ -126,7 +120,6 @@ std::string noServer() {
   PGconn *probe = PQconnectdb(("dbname=mfadb port=5432 host=" + kNoHost).c_str());
   const std::string text = std::string("Connection to database failed: ") + PQerrorMessage(probe);
   PQfinish(probe);
-  EXPECT_NE(text.find(kNoHost), std::string::npos) << text;
   return text;
 }
 

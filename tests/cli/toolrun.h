@@ -22,27 +22,20 @@ enum class Sink { Captured, Full, ClosedPipe }; // where standard output goes
 using Prepare = std::function<std::string()>;
 extern const std::string kNotPrepared;
 
-struct Run {
-  std::string tool;
-  std::vector<std::string> args;
-  Environment env = {}; // overrides of the test's environment
-  Sink sink = Sink::Captured;
-  Prepare prepare = {};
-  std::string input = ""; // standard input
-};
 struct Ran {
   int status;           // exit status, or 128 + signal
   std::string out, err; // time stamps masked as "<stamp> "
 };
-// A row of an acceptance table: a run and what it must write and end with.
+// A row of an acceptance table: a run of a tool (args, env, sink, input) and
+// what it must write and end with.
 struct Row {
   std::vector<std::string> args;
   std::string out;
   int status;
   std::string err = "";
-  Environment env = {};
+  Environment env = {}; // overrides of the test's environment
   Sink sink = Sink::Captured;
-  std::string input = "";
+  std::string input = ""; // standard input
 };
 
 // A tool started and not yet waited for. The shell puts the words of
@@ -51,12 +44,11 @@ struct Started {
   pid_t pid;
   int out, err;
 };
-Started start(const Run &run);
+Started start(const std::string &tool, const Row &row, const Prepare &prepare = {});
 Ran finish(const Started &started);
-inline Ran runTool(const Run &run) {
-  return finish(start(run));
+inline Ran runRow(const std::string &tool, const Row &row, const Prepare &prepare = {}) {
+  return finish(start(tool, row, prepare));
 }
-Ran runRow(const std::string &tool, const Row &row, const Prepare &prepare = {});
 // Runs the row and compares the output and exit status with it.
 void expectRun(const std::string &tool, const Row &row);
 
