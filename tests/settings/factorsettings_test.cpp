@@ -39,45 +39,40 @@ TEST(TotpSettings, EachKeyWithItsRule) {
   expectCases(
       kTotp, "{}",
       {
-          {R"({"realmName":"ABC@1234"})", none, R"(realmName="ABC@1234")"},
+          {R"({"realmName":"ABC@1234","digestAlgDefault":"SHA512","tokenNumDigitsDefault":6,)"
+           R"("tokenPeriodSecondsDefault":"60","authWindowDefault":10,"numFailsAllow":3,)"
+           R"("regDiags":true,"todCorr":43200})",
+           none,
+           R"(realmName="ABC@1234" digestAlgDefault="SHA512" tokenNumDigitsDefault=6 )"
+           R"(tokenPeriodSecondsDefault=60 authWindowDefault=10 numFailsAllow=3 regDiags=1 )"
+           R"(todCorr=43200)"},
+          {R"({"tokenPeriodSecondsDefault":15,"regDiags":5,"todCorr":-43200,"numFailsAllow":-3})",
+           none, "tokenPeriodSecondsDefault=15 regDiags=1 todCorr=-43200 -numFailsAllow"},
+          // A repeated member keeps its first value, except the trace levels.
+          {R"({"realmName":"A","realmName":"not valid","digestAlgDefault":"SHA1",)"
+           R"("digestAlgDefault":"SHA384","p11label":"L1","p11label":"L2",)"
+           R"("webTraceLvl":3,"pluginTraceLvl":2,"webTraceLvl":1})",
+           none,
+           R"(realmName="A" digestAlgDefault="SHA1" webTraceLvl=1 pluginTraceLvl=2 p11label="L1")"},
+          {R"({"webTraceLvl":"2","pluginTraceLvl":null,"tokenNumDigitsDefault":"7",)"
+           R"("p11token":"TOKEN","useSecret":false,"RealmName":"X","bogus":1})",
+           none, ""},
           {R"({"realmName":"ABCD@1234"})", TOTPSETTINGS_BAD_REALM, "<none>"},
           {R"({"realmName":7})", TOTPSETTINGS_BAD_REALM, "<none>"},
-          {R"({"realmName":"A","realmName":"not valid"})", none, R"(realmName="A")"},
-          {R"({"digestAlgDefault":"SHA512"})", none, R"(digestAlgDefault="SHA512")"},
           {R"({"digestAlgDefault":"sha1"})", TOTPSETTINGS_BAD_DIGEST, "<none>"},
           {R"({"digestAlgDefault":true})", TOTPSETTINGS_BAD_DIGEST, "<none>"},
-          {R"({"digestAlgDefault":"SHA1","digestAlgDefault":"SHA384"})", none,
-           R"(digestAlgDefault="SHA1")"},
-          {R"({"webTraceLvl":3,"pluginTraceLvl":2,"webTraceLvl":1})", none,
-           "webTraceLvl=1 pluginTraceLvl=2"},
           {R"({"webTraceLvl":4})", TOTPSETTINGS_BAD_TRACE_LEVEL, "<none>"},
           {R"({"pluginTraceLvl":-1})", TOTPSETTINGS_BAD_TRACE_LEVEL, "<none>"},
-          {R"({"webTraceLvl":"2","pluginTraceLvl":null})", none, ""},
-          {R"({"tokenNumDigitsDefault":6})", none, "tokenNumDigitsDefault=6"},
           {R"({"tokenNumDigitsDefault":9})", TOTPSETTINGS_BAD_DIGITS, "<none>"},
           {R"({"tokenNumDigitsDefault":5})", TOTPSETTINGS_BAD_DIGITS, "<none>"},
-          {R"({"tokenNumDigitsDefault":"7"})", none, ""},
-          {R"({"tokenPeriodSecondsDefault":"60"})", none, "tokenPeriodSecondsDefault=60"},
-          {R"({"tokenPeriodSecondsDefault":15})", none, "tokenPeriodSecondsDefault=15"},
           {R"({"tokenPeriodSecondsDefault":45})", TOTPSETTINGS_BAD_PERIOD, "<none>"},
           {R"({"tokenPeriodSecondsDefault":"60s"})", TOTPSETTINGS_BAD_PERIOD, "<none>"},
           {R"({"tokenPeriodSecondsDefault":true})", TOTPSETTINGS_BAD_PERIOD, "<none>"},
-          {R"({"authWindowDefault":10})", none, "authWindowDefault=10"},
           {R"({"authWindowDefault":11})", TOTPSETTINGS_BAD_AUTH_WINDOW, "<none>"},
           {R"({"authWindowDefault":0})", TOTPSETTINGS_BAD_AUTH_WINDOW, "<none>"},
-          {R"({"p11token":"TOKEN"})", none, ""},
-          {R"({"p11label":"L1","p11label":"L2"})", none, R"(p11label="L1")"},
-          {R"({"useSecret":false})", none, ""},
           {R"({"useSecret":2})", TOTPSETTINGS_BAD_USE_SECRET, "<none>"},
-          {R"({"numFailsAllow":3})", none, "numFailsAllow=3"},
-          {R"({"numFailsAllow":-3})", none, "-numFailsAllow"},
-          {R"({"regDiags":true})", none, "regDiags=1"},
-          {R"({"regDiags":5})", none, "regDiags=1"},
-          {R"({"todCorr":43200})", none, "todCorr=43200"},
-          {R"({"todCorr":-43200})", none, "todCorr=-43200"},
           {R"({"todCorr":43201})", TOTPSETTINGS_BAD_CLOCK_CORRECTION, "<none>"},
           {R"({"todCorr":-43201})", TOTPSETTINGS_BAD_CLOCK_CORRECTION, "<none>"},
-          {R"({"RealmName":"X","bogus":1})", none, ""},
           // The first refused member ends the creation.
           {R"({"webTraceLvl":9,"realmName":"not valid"})", TOTPSETTINGS_BAD_TRACE_LEVEL, "<none>"},
       });
