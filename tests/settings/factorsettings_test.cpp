@@ -84,8 +84,8 @@ TEST(TotpSettings, FullRecordConvertsExactlyAndCopies) {
                            R"("tokenPeriodSecondsDefault":60,"authWindowDefault":4,)"
                            R"("p11label":"totp \"key\"\n","useSecret":1,"numFailsAllow":12,)"
                            R"("regDiags":1,"todCorr":-60})";
-  totpSettings *settings = nullptr;
-  ASSERT_EQ(totpSettingsCreateFromJSON(full.data(), static_cast<int>(full.size()), &settings), 0);
+  totpSettings *settings = mfatest::made(kTotp, full);
+  ASSERT_NE(settings, nullptr);
   EXPECT_EQ(mfatest::jsonOf(kTotp, settings), full);
   mfatest::expectRoundTrip(kTotp, settings);
 
@@ -109,8 +109,8 @@ TEST(YubiSettings, TraceLevelAndLabel) {
                   {R"({"initialTraceLevel":"2","other":3})", 0, ""},
               });
   const std::string text = R"({"p11label":"first","initialTraceLevel":1,"p11label":"second"})";
-  yubiSettings *settings = nullptr, *copy = nullptr;
-  ASSERT_EQ(yubiSettingsCreateFromJSON(text.data(), static_cast<int>(text.size()), &settings), 0);
+  yubiSettings *settings = mfatest::made(kYubi, text), *copy = nullptr;
+  ASSERT_NE(settings, nullptr);
   EXPECT_STREQ(settings->p11label, "first");
   ASSERT_EQ(yubiSettingsCopy(settings, &copy), 0);
   yubiSettingsDestroy(settings);

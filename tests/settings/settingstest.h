@@ -42,6 +42,13 @@ std::pair<int, std::string> created(const SettingsApi<Record> &api, const std::s
   return {status, json};
 }
 
+// The record made of text, which must be accepted.
+template <typename Record> Record *made(const SettingsApi<Record> &api, const std::string &text) {
+  Record *record = nullptr;
+  EXPECT_EQ(api.create(text.data(), static_cast<int>(text.size()), &record), 0) << text;
+  return record;
+}
+
 // The members of json that differ from those of base, as "key=value" in
 // json's order and "-key" for members base has and json lacks, separated by
 // blanks; json itself when either is not an object.
@@ -50,19 +57,16 @@ inline std::string memberChanges(const std::string &base, const std::string &jso
   JsonObject *before = jsonAsObject(jsonParseString(heap, base.c_str(), nullptr, 0));
   JsonObject *after = jsonAsObject(jsonParseString(heap, json.c_str(), nullptr, 0));
   std::string changes;
-  auto add = [&changes](const std::string &change) {
-    changes += (changes.empty() ? "" : " ") + change;
-  };
   for (JsonProperty *p = jsonObjectGetFirstProperty(after); p != nullptr; p = p->next) {
     Json *old = jsonObjectGetPropertyValue(before, p->key);
     if (old == nullptr || !sameJsonTree(old, p->value))
-      add(std::string(p->key) + "=" + printJsonTree(p->value));
+      changes += " " + std::string(p->key) + "=" + printJsonTree(p->value);
   }
   for (JsonProperty *p = jsonObjectGetFirstProperty(before); p != nullptr; p = p->next)
     if (!jsonObjectHasKey(after, p->key))
-      add("-" + std::string(p->key));
+      changes += " -" + std::string(p->key);
   SLHFree(heap);
-  return before != nullptr && after != nullptr ? changes : json;
+  return before != nullptr && after != nullptr ? changes.substr(changes.empty() ? 0 : 1) : json;
 }
 
 // One case: a JSON text, the status of creating a record from it, and how
@@ -91,9 +95,8 @@ void expectCases(const SettingsApi<Record> &api, const std::string &baseText,
 template <typename Record>
 void expectRoundTrip(const SettingsApi<Record> &api, const Record *record) {
   std::string json = jsonOf(api, record);
-  Record *again = nullptr;
-  ASSERT_EQ(api.create(json.data(), static_cast<int>(json.size()), &again), 0) << json;
-  EXPECT_TRUE(mfasettings::sameSettings(record, again)) << json;
+  Record *again = made(api, json);
+  EXPECT_TRUE(again != nullptr && mfasettings::sameSettings(record, again)) << json;
   api.destroy(again);
 
   std::string shortBuffer(json.size() - 1, '\0');
