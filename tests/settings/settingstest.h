@@ -91,19 +91,28 @@ void expectCases(const SettingsApi<Record> &api, const std::string &baseText,
 }
 
 // A record's JSON form, read again, gives an equal record; a buffer one byte
-// short is refused with the needed length.
+// short, or none, is refused with the needed length; a null text or a
+// negative length is refused.
 template <typename Record>
 void expectRoundTrip(const SettingsApi<Record> &api, const Record *record) {
   std::string json = jsonOf(api, record);
   Record *again = made(api, json);
   EXPECT_TRUE(again != nullptr && mfasettings::sameSettings(record, again)) << json;
   api.destroy(again);
+  again = nullptr;
 
   std::string shortBuffer(json.size() - 1, '\0');
   int length = static_cast<int>(shortBuffer.size());
   EXPECT_EQ(api.convert(record, shortBuffer.data(), &length), SETTINGS_BUFFER_TOO_SMALL);
   EXPECT_EQ(length, static_cast<int>(json.size()));
   EXPECT_EQ(shortBuffer, std::string(json.size() - 1, '\0')) << "written although refused";
+  length = 0;
+  EXPECT_EQ(api.convert(record, nullptr, &length), SETTINGS_BUFFER_TOO_SMALL);
+  EXPECT_EQ(length, static_cast<int>(json.size()));
+
+  EXPECT_EQ(api.create(nullptr, 1, &again), SETTINGS_MISSING_ARGUMENT);
+  EXPECT_EQ(api.create("{}", -1, &again), SETTINGS_MISSING_ARGUMENT);
+  EXPECT_EQ(again, nullptr);
 }
 
 } // namespace mfatest
