@@ -29,28 +29,22 @@ const std::string kFull =
     R"("wsWebInitialTraceLevel":3,"CSPReportPolicy":"default-src self","wsCTCDisplay":0,)"
     R"("wsFIDisplay":1})";
 
-TEST(StcSettings, EmptyTextGivesTheDefaults) {
-  stcSettings *settings = mfatest::made(kStc, "");
-  EXPECT_EQ(jsonOf(kStc, settings),
-            R"({"wsEnableCTCService":0,"maxAdminFailures":5,"wsAdminSessionTimeout":900,)"
-            R"("sslTraceLevel":0,"wsHstsEnable":0,"wsHstsMaxAge":300,"wsHstsSubDom":0,)"
-            R"("wsEnablePWChange":1,"wsCTCStyle":3,"enableStrictPCI":0,)"
-            R"("enableDynamicInstanceNames":1,"wsWebServerAuthTLSPort":6793,)"
-            R"("wsWebMutualAuthTLSPort":6794,"wsMaxCTCFailures":0,"hashIterations":4000,)"
-            R"("wsDocumentRoot":"/opt/Velmora/kestrix/MFA/mfa",)"
-            R"("wsIDocumentRoot":"/opt/Velmora/kestrix/MFA/mfa","wsEnableOOBService":1,)"
-            R"("wsEnableTOTPRegService":1,"wsEnableCertAuth":0,"wsEnableYubiEnrollment":0,)"
-            R"("wsWebInitialTraceLevel":0,"wsCTCDisplay":1,"wsFIDisplay":0})");
-  stcSettingsDestroy(settings);
-  // Unlike the empty text, a null one is refused even at length zero.
-  settings = nullptr;
-  EXPECT_EQ(stcSettingsCreateFromJSON(nullptr, 0, &settings), SETTINGS_MISSING_ARGUMENT);
-}
-
 TEST(StcSettings, EachKeyWithItsRule) {
-  // A refused member still hands out the record, with the defaults applied.
+  stcSettings *none = nullptr; // unlike the empty text, a null one is refused
+  EXPECT_EQ(stcSettingsCreateFromJSON(nullptr, 0, &none), SETTINGS_MISSING_ARGUMENT);
+  // The empty text gives the defaults. A refused member still hands out the
+  // record, with the defaults applied.
   mfatest::expectCases(
       kStc, "",
+      R"({"wsEnableCTCService":0,"maxAdminFailures":5,"wsAdminSessionTimeout":900,)"
+      R"("sslTraceLevel":0,"wsHstsEnable":0,"wsHstsMaxAge":300,"wsHstsSubDom":0,)"
+      R"("wsEnablePWChange":1,"wsCTCStyle":3,"enableStrictPCI":0,)"
+      R"("enableDynamicInstanceNames":1,"wsWebServerAuthTLSPort":6793,)"
+      R"("wsWebMutualAuthTLSPort":6794,"wsMaxCTCFailures":0,"hashIterations":4000,)"
+      R"("wsDocumentRoot":"/opt/Velmora/kestrix/MFA/mfa",)"
+      R"("wsIDocumentRoot":"/opt/Velmora/kestrix/MFA/mfa","wsEnableOOBService":1,)"
+      R"("wsEnableTOTPRegService":1,"wsEnableCertAuth":0,"wsEnableYubiEnrollment":0,)"
+      R"("wsWebInitialTraceLevel":0,"wsCTCDisplay":1,"wsFIDisplay":0})",
       {
           {R"({"wsEnableOOBService":0,"wsEnablePWChange":1,"wsCTCStyle":true,"wsHstsMaxAge":-5,)"
            R"("sslTraceLevel":4,"wsWebInitialTraceLevel":-1,"CSPReportPolicy":"",)"
@@ -90,28 +84,6 @@ TEST(StcSettings, EachKeyWithItsRule) {
       });
 }
 
-TEST(StcSettings, FullRecordConvertsExactlyAndCopies) {
-  stcSettings *settings = mfatest::made(kStc, kFull);
-  ASSERT_NE(settings, nullptr);
-  EXPECT_EQ(jsonOf(kStc, settings), kFull);
-  mfatest::expectRoundTrip(kStc, settings);
-
-  stcSettings *copy = nullptr;
-  ASSERT_EQ(stcSettingsCopy(settings, &copy), 0);
-  EXPECT_TRUE(mfasettings::sameSettings(settings, copy));
-  // Only unset fields of the destination are filled.
-  auto *partial = safeMallocRecord<stcSettings>("test settings");
-  partial->defaultPolicy = duplicateString("mine");
-  partial->wsWebServerAuthTLSPort = 1;
-  ASSERT_EQ(stcSettingsNonDestructiveCopy(settings, partial), 0);
-  stcSettingsDestroy(settings);
-  EXPECT_EQ(mfatest::memberChanges(kFull, jsonOf(kStc, partial)),
-            R"(defaultPolicy="mine" wsWebServerAuthTLSPort=1)");
-  EXPECT_EQ(partial->maxCheckCTCFailures, 100);
-  stcSettingsDestroy(partial);
-  stcSettingsDestroy(copy);
-}
-
 // The listing's lines with each leading time stamp replaced by "<stamp>".
 std::string listing(const stcSettings *settings) {
   std::string out = mfatest::captureStdout([&] { printSTCSettings(settings, "STC"); });
@@ -119,9 +91,11 @@ std::string listing(const stcSettings *settings) {
   return std::regex_replace(out, stamp, "<stamp> ");
 }
 
-TEST(StcSettings, ListingLineByLine) {
+TEST(StcSettings, FullRecordConvertsListsAndCopiesExactly) {
   stcSettings *settings = mfatest::made(kStc, kFull);
   ASSERT_NE(settings, nullptr);
+  EXPECT_EQ(jsonOf(kStc, settings), kFull);
+  mfatest::expectRoundTrip(kStc, settings);
   EXPECT_EQ(listing(settings), "<stamp> STC:STC Settings follow:\n"
                                "<stamp> STC:  PCI Compliance Mode: Enabled\n"
                                "<stamp> STC:  Initial trace level: 3\n"
@@ -151,7 +125,21 @@ TEST(StcSettings, ListingLineByLine) {
                                "<stamp> STC:  SSL Trace Level:     2\n"
                                "<stamp> STC:  Trust store path:    /etc/trust.p12\n"
                                "<stamp> STC:  PKCS#12 file path:   /etc/server.p12\n");
+
+  stcSettings *copy = nullptr;
+  ASSERT_EQ(stcSettingsCopy(settings, &copy), 0);
+  EXPECT_TRUE(mfasettings::sameSettings(settings, copy));
+  // Only unset fields of the destination are filled.
+  auto *partial = safeMallocRecord<stcSettings>("test settings");
+  partial->defaultPolicy = duplicateString("mine");
+  partial->wsWebServerAuthTLSPort = 1;
+  ASSERT_EQ(stcSettingsNonDestructiveCopy(settings, partial), 0);
   stcSettingsDestroy(settings);
+  EXPECT_EQ(mfatest::memberChanges(kFull, jsonOf(kStc, partial)),
+            R"(defaultPolicy="mine" wsWebServerAuthTLSPort=1)");
+  EXPECT_EQ(partial->maxCheckCTCFailures, 100);
+  stcSettingsDestroy(partial);
+  stcSettingsDestroy(copy);
 
   // Without the broadcast service its two lines go; unset texts read NULL.
   settings = mfatest::made(kStc, "");
