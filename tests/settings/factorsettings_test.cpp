@@ -17,67 +17,55 @@ const mfatest::SettingsApi<totpSettings> kTotp = {totpSettingsCreateFromJSON,
 const mfatest::SettingsApi<yubiSettings> kYubi = {yubiSettingsCreateFromJSON,
                                                   yubiSettingsConvertToJSON, yubiSettingsDestroy};
 
-TEST(TotpSettings, DefaultsWithAndWithoutText) {
-  const std::string defaults =
-      R"({"digestAlgDefault":"SHA256","webTraceLvl":0,"pluginTraceLvl":0,)"
-      R"("tokenNumDigitsDefault":8,"tokenPeriodSecondsDefault":30,)"
-      R"("authWindowDefault":1,"useSecret":1,"numFailsAllow":100,"todCorr":0})";
-  EXPECT_EQ(created(kTotp, ""), std::make_pair(0, defaults));
-  // Any text at all leaves the failure count alone; one that is no object
-  // is otherwise ignored.
-  for (const char *text : {"{}", "[1]", "{\"realmName\":", "\"x\""})
-    EXPECT_EQ(mfatest::memberChanges(defaults, created(kTotp, text).second), "numFailsAllow=0")
-        << text;
-  totpSettings *settings = nullptr;
-  EXPECT_EQ(totpSettingsCreateFromJSON(nullptr, 1, &settings), SETTINGS_MISSING_ARGUMENT);
-  EXPECT_EQ(totpSettingsCreateFromJSON("{}", -1, &settings), SETTINGS_MISSING_ARGUMENT);
-  EXPECT_EQ(settings, nullptr);
-}
-
 TEST(TotpSettings, EachKeyWithItsRule) {
   const int none = 0;
+  // The empty text gives the defaults; any other leaves the failure count
+  // alone, and one that is no object is otherwise ignored.
+  EXPECT_EQ(mfatest::memberChanges(created(kTotp, "{}").second, created(kTotp, "").second),
+            "numFailsAllow=100");
   expectCases(
       kTotp, "{}",
+      R"({"digestAlgDefault":"SHA256","webTraceLvl":0,"pluginTraceLvl":0,)"
+      R"("tokenNumDigitsDefault":8,"tokenPeriodSecondsDefault":30,)"
+      R"("authWindowDefault":1,"useSecret":1,"numFailsAllow":0,"todCorr":0})",
       {
-          {R"({"realmName":"ABC@1234"})", none, R"(realmName="ABC@1234")"},
+          {"[1]", none, ""},
+          {R"({"realmName":)", none, ""},
+          {R"("x")", none, ""},
+          {R"({"realmName":"ABC@1234","digestAlgDefault":"SHA512","tokenNumDigitsDefault":6,)"
+           R"("tokenPeriodSecondsDefault":"60","authWindowDefault":10,"numFailsAllow":3,)"
+           R"("regDiags":true,"todCorr":43200})",
+           none,
+           R"(realmName="ABC@1234" digestAlgDefault="SHA512" tokenNumDigitsDefault=6 )"
+           R"(tokenPeriodSecondsDefault=60 authWindowDefault=10 numFailsAllow=3 regDiags=1 )"
+           R"(todCorr=43200)"},
+          {R"({"tokenPeriodSecondsDefault":15,"regDiags":5,"todCorr":-43200,"numFailsAllow":-3})",
+           none, "tokenPeriodSecondsDefault=15 regDiags=1 todCorr=-43200 -numFailsAllow"},
+          // A repeated member keeps its first value, except the trace levels.
+          {R"({"realmName":"A","realmName":"not valid","digestAlgDefault":"SHA1",)"
+           R"("digestAlgDefault":"SHA384","p11label":"L1","p11label":"L2",)"
+           R"("webTraceLvl":3,"pluginTraceLvl":2,"webTraceLvl":1})",
+           none,
+           R"(realmName="A" digestAlgDefault="SHA1" webTraceLvl=1 pluginTraceLvl=2 p11label="L1")"},
+          {R"({"webTraceLvl":"2","pluginTraceLvl":null,"tokenNumDigitsDefault":"7",)"
+           R"("p11token":"TOKEN","useSecret":false,"RealmName":"X","bogus":1})",
+           none, ""},
           {R"({"realmName":"ABCD@1234"})", TOTPSETTINGS_BAD_REALM, "<none>"},
           {R"({"realmName":7})", TOTPSETTINGS_BAD_REALM, "<none>"},
-          {R"({"realmName":"A","realmName":"not valid"})", none, R"(realmName="A")"},
-          {R"({"digestAlgDefault":"SHA512"})", none, R"(digestAlgDefault="SHA512")"},
           {R"({"digestAlgDefault":"sha1"})", TOTPSETTINGS_BAD_DIGEST, "<none>"},
           {R"({"digestAlgDefault":true})", TOTPSETTINGS_BAD_DIGEST, "<none>"},
-          {R"({"digestAlgDefault":"SHA1","digestAlgDefault":"SHA384"})", none,
-           R"(digestAlgDefault="SHA1")"},
-          {R"({"webTraceLvl":3,"pluginTraceLvl":2,"webTraceLvl":1})", none,
-           "webTraceLvl=1 pluginTraceLvl=2"},
           {R"({"webTraceLvl":4})", TOTPSETTINGS_BAD_TRACE_LEVEL, "<none>"},
           {R"({"pluginTraceLvl":-1})", TOTPSETTINGS_BAD_TRACE_LEVEL, "<none>"},
-          {R"({"webTraceLvl":"2","pluginTraceLvl":null})", none, ""},
-          {R"({"tokenNumDigitsDefault":6})", none, "tokenNumDigitsDefault=6"},
           {R"({"tokenNumDigitsDefault":9})", TOTPSETTINGS_BAD_DIGITS, "<none>"},
           {R"({"tokenNumDigitsDefault":5})", TOTPSETTINGS_BAD_DIGITS, "<none>"},
-          {R"({"tokenNumDigitsDefault":"7"})", none, ""},
-          {R"({"tokenPeriodSecondsDefault":"60"})", none, "tokenPeriodSecondsDefault=60"},
-          {R"({"tokenPeriodSecondsDefault":15})", none, "tokenPeriodSecondsDefault=15"},
           {R"({"tokenPeriodSecondsDefault":45})", TOTPSETTINGS_BAD_PERIOD, "<none>"},
           {R"({"tokenPeriodSecondsDefault":"60s"})", TOTPSETTINGS_BAD_PERIOD, "<none>"},
           {R"({"tokenPeriodSecondsDefault":true})", TOTPSETTINGS_BAD_PERIOD, "<none>"},
-          {R"({"authWindowDefault":10})", none, "authWindowDefault=10"},
           {R"({"authWindowDefault":11})", TOTPSETTINGS_BAD_AUTH_WINDOW, "<none>"},
           {R"({"authWindowDefault":0})", TOTPSETTINGS_BAD_AUTH_WINDOW, "<none>"},
-          {R"({"p11token":"TOKEN"})", none, ""},
-          {R"({"p11label":"L1","p11label":"L2"})", none, R"(p11label="L1")"},
-          {R"({"useSecret":false})", none, ""},
           {R"({"useSecret":2})", TOTPSETTINGS_BAD_USE_SECRET, "<none>"},
-          {R"({"numFailsAllow":3})", none, "numFailsAllow=3"},
-          {R"({"numFailsAllow":-3})", none, "-numFailsAllow"},
-          {R"({"regDiags":true})", none, "regDiags=1"},
-          {R"({"regDiags":5})", none, "regDiags=1"},
-          {R"({"todCorr":43200})", none, "todCorr=43200"},
-          {R"({"todCorr":-43200})", none, "todCorr=-43200"},
           {R"({"todCorr":43201})", TOTPSETTINGS_BAD_CLOCK_CORRECTION, "<none>"},
           {R"({"todCorr":-43201})", TOTPSETTINGS_BAD_CLOCK_CORRECTION, "<none>"},
-          {R"({"RealmName":"X","bogus":1})", none, ""},
           // The first refused member ends the creation.
           {R"({"webTraceLvl":9,"realmName":"not valid"})", TOTPSETTINGS_BAD_TRACE_LEVEL, "<none>"},
       });
@@ -89,8 +77,8 @@ TEST(TotpSettings, FullRecordConvertsExactlyAndCopies) {
                            R"("tokenPeriodSecondsDefault":60,"authWindowDefault":4,)"
                            R"("p11label":"totp \"key\"\n","useSecret":1,"numFailsAllow":12,)"
                            R"("regDiags":1,"todCorr":-60})";
-  totpSettings *settings = nullptr;
-  ASSERT_EQ(totpSettingsCreateFromJSON(full.data(), static_cast<int>(full.size()), &settings), 0);
+  totpSettings *settings = mfatest::made(kTotp, full);
+  ASSERT_NE(settings, nullptr);
   EXPECT_EQ(mfatest::jsonOf(kTotp, settings), full);
   mfatest::expectRoundTrip(kTotp, settings);
 
@@ -104,8 +92,7 @@ TEST(TotpSettings, FullRecordConvertsExactlyAndCopies) {
 }
 
 TEST(YubiSettings, TraceLevelAndLabel) {
-  EXPECT_EQ(created(kYubi, ""), std::make_pair(0, std::string(R"({"initialTraceLevel":0})")));
-  expectCases(kYubi, "",
+  expectCases(kYubi, "", R"({"initialTraceLevel":0})",
               {
                   {R"({"initialTraceLevel":2})", 0, "initialTraceLevel=2"},
                   {R"({"initialTraceLevel":3,"initialTraceLevel":1})", 0, "initialTraceLevel=1"},
@@ -114,8 +101,8 @@ TEST(YubiSettings, TraceLevelAndLabel) {
                   {R"({"initialTraceLevel":"2","other":3})", 0, ""},
               });
   const std::string text = R"({"p11label":"first","initialTraceLevel":1,"p11label":"second"})";
-  yubiSettings *settings = nullptr, *copy = nullptr;
-  ASSERT_EQ(yubiSettingsCreateFromJSON(text.data(), static_cast<int>(text.size()), &settings), 0);
+  yubiSettings *settings = mfatest::made(kYubi, text), *copy = nullptr;
+  ASSERT_NE(settings, nullptr);
   EXPECT_STREQ(settings->p11label, "first");
   ASSERT_EQ(yubiSettingsCopy(settings, &copy), 0);
   yubiSettingsDestroy(settings);

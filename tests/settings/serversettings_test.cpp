@@ -10,7 +10,6 @@
 
 namespace {
 
-using mfatest::created;
 using mfatest::jsonOf;
 
 const mfatest::SettingsApi<stcSettings> kStc = {stcSettingsCreateFromJSON, stcSettingsConvertToJSON,
@@ -30,104 +29,59 @@ const std::string kFull =
     R"("wsWebInitialTraceLevel":3,"CSPReportPolicy":"default-src self","wsCTCDisplay":0,)"
     R"("wsFIDisplay":1})";
 
-stcSettings *fullRecord() {
-  stcSettings *settings = nullptr;
-  EXPECT_EQ(stcSettingsCreateFromJSON(kFull.data(), static_cast<int>(kFull.size()), &settings), 0);
-  return settings;
-}
-
-TEST(StcSettings, EmptyTextGivesTheDefaults) {
-  stcSettings *settings = nullptr;
-  ASSERT_EQ(stcSettingsCreateFromJSON("", 0, &settings), 0);
-  EXPECT_EQ(jsonOf(kStc, settings),
-            R"({"wsEnableCTCService":0,"maxAdminFailures":5,"wsAdminSessionTimeout":900,)"
-            R"("sslTraceLevel":0,"wsHstsEnable":0,"wsHstsMaxAge":300,"wsHstsSubDom":0,)"
-            R"("wsEnablePWChange":1,"wsCTCStyle":3,"enableStrictPCI":0,)"
-            R"("enableDynamicInstanceNames":1,"wsWebServerAuthTLSPort":6793,)"
-            R"("wsWebMutualAuthTLSPort":6794,"wsMaxCTCFailures":0,"hashIterations":4000,)"
-            R"("wsDocumentRoot":"/opt/Velmora/kestrix/MFA/mfa",)"
-            R"("wsIDocumentRoot":"/opt/Velmora/kestrix/MFA/mfa","wsEnableOOBService":1,)"
-            R"("wsEnableTOTPRegService":1,"wsEnableCertAuth":0,"wsEnableYubiEnrollment":0,)"
-            R"("wsWebInitialTraceLevel":0,"wsCTCDisplay":1,"wsFIDisplay":0})");
-  EXPECT_EQ(settings->maxCheckCTCFailures, 100);
-  EXPECT_EQ(settings->maxPolicyAuthFailures, 100);
-  stcSettingsDestroy(settings);
-  settings = nullptr;
-  EXPECT_EQ(stcSettingsCreateFromJSON(nullptr, 0, &settings), SETTINGS_MISSING_ARGUMENT);
-  EXPECT_EQ(stcSettingsCreateFromJSON("{}", -1, &settings), SETTINGS_MISSING_ARGUMENT);
-  EXPECT_EQ(settings, nullptr);
-}
-
 TEST(StcSettings, EachKeyWithItsRule) {
-  // A refused member still hands out the record, with the defaults applied.
+  stcSettings *none = nullptr; // unlike the empty text, a null one is refused
+  EXPECT_EQ(stcSettingsCreateFromJSON(nullptr, 0, &none), SETTINGS_MISSING_ARGUMENT);
+  // The empty text gives the defaults. A refused member still hands out the
+  // record, with the defaults applied.
   mfatest::expectCases(
       kStc, "",
+      R"({"wsEnableCTCService":0,"maxAdminFailures":5,"wsAdminSessionTimeout":900,)"
+      R"("sslTraceLevel":0,"wsHstsEnable":0,"wsHstsMaxAge":300,"wsHstsSubDom":0,)"
+      R"("wsEnablePWChange":1,"wsCTCStyle":3,"enableStrictPCI":0,)"
+      R"("enableDynamicInstanceNames":1,"wsWebServerAuthTLSPort":6793,)"
+      R"("wsWebMutualAuthTLSPort":6794,"wsMaxCTCFailures":0,"hashIterations":4000,)"
+      R"("wsDocumentRoot":"/opt/Velmora/kestrix/MFA/mfa",)"
+      R"("wsIDocumentRoot":"/opt/Velmora/kestrix/MFA/mfa","wsEnableOOBService":1,)"
+      R"("wsEnableTOTPRegService":1,"wsEnableCertAuth":0,"wsEnableYubiEnrollment":0,)"
+      R"("wsWebInitialTraceLevel":0,"wsCTCDisplay":1,"wsFIDisplay":0})",
       {
-          {R"({"wsEnableOOBService":0,"wsEnablePWChange":1})", 0, ""},
-          {R"({"wsCTCStyle":"8 Digit Mixed Case, Numeric, National"})", 0, "wsCTCStyle=2"},
-          {R"({"wsCTCStyle":1,"wsCTCStyle":"Unknown style"})", 0, "wsCTCStyle=1"},
-          {R"({"wsCTCStyle":"8 digit upper case, numeric, national"})", 0, ""},
-          {R"({"wsCTCStyle":true})", 0, ""},
-          {R"({"wsCTCStyle":7})", 0, "wsCTCStyle=7"},
+          {R"({"wsEnableOOBService":0,"wsEnablePWChange":1,"wsCTCStyle":true,"wsHstsMaxAge":-5,)"
+           R"("sslTraceLevel":4,"wsWebInitialTraceLevel":-1,"CSPReportPolicy":"",)"
+           R"("wsWebServerAuthTLSPort":"80","DefaultPolicy":"x","bogus":{"defaultPolicy":"y"}})",
+           0, ""},
+          {R"({"wsCTCStyle":"8 Digit Mixed Case, Numeric, National","hashIterations":"12000"})", 0,
+           "wsCTCStyle=2 hashIterations=12000"},
+          {R"({"wsCTCStyle":1,"wsCTCStyle":"Unknown style","defaultPolicy":"a","defaultPolicy":"b"})",
+           0, R"(defaultPolicy="a" wsCTCStyle=1)"},
+          {R"({"wsCTCStyle":"8 digit upper case, numeric, national","hashIterations":"12x"})", 0,
+           ""},
+          {R"({"wsCTCStyle":7,"hashIterations":-1})", 0, "wsCTCStyle=7 hashIterations=-1"},
           {R"({"wsWebServerAuthTLSPort":70000,"defaultPolicy":"p"})", STCSETTINGS_BAD_TLS_PORT, ""},
           {R"({"wsWebMutualAuthTLSPort":65536})", STCSETTINGS_BAD_TLS_PORT, ""},
-          {R"({"wsWebServerAuthTLSPort":65535})", 0, "wsWebServerAuthTLSPort=65535"},
-          {R"({"wsWebServerAuthTLSPort":"80"})", 0, ""},
+          {R"({"wsWebServerAuthTLSPort":65535,"wsHstsMaxAge":"abc"})", 0,
+           "wsHstsMaxAge=0 wsWebServerAuthTLSPort=65535"},
           {R"({"wsWebServerAuthTLSPort":0,"wsWebMutualAuthTLSPort":0})", 0,
            "wsWebMutualAuthTLSPort=0"},
           {R"({"wsWebMutualAuthTLSPort":0,"wsEnableCertAuth":5})", 0, "wsEnableCertAuth=1"},
-          {R"({"defaultPolicy":"a","defaultPolicy":"b"})", 0, R"(defaultPolicy="a")"},
-          {R"({"defaultPolicy":5,"defaultPolicy":""})", 0, R"(defaultPolicy="")"},
-          {R"({"wsHstsMaxAge":-5})", 0, ""},
-          {R"({"wsHstsMaxAge":"abc"})", 0, "wsHstsMaxAge=0"},
-          {R"({"sslTraceLevel":4,"wsWebInitialTraceLevel":-1})", 0, ""},
-          {R"({"sslTraceLevel":3,"wsWebInitialTraceLevel":"2"})", 0, "sslTraceLevel=3"},
-          {R"({"enableStrictPCI":true,"wsHstsEnable":5,"wsCTCDisplay":"yes"})", 0,
-           "wsHstsEnable=5 enableStrictPCI=1 wsCTCDisplay=0"},
-          {R"({"wsEnableTOTPRegService":false,"wsEnableYubiEnrollment":9})", 0,
-           "wsEnableTOTPRegService=0 wsEnableYubiEnrollment=1"},
-          {R"({"hashIterations":"12000"})", 0, "hashIterations=12000"},
-          {R"({"hashIterations":"12x"})", 0, ""},
-          {R"({"hashIterations":-1})", 0, "hashIterations=-1"},
+          {R"({"defaultPolicy":5,"defaultPolicy":"","tlsTrustLoc":"","tlsTrustLoc":"/t"})", 0,
+           R"(tlsTrustLoc="/t" defaultPolicy="")"},
+          {R"({"sslTraceLevel":3,"wsWebInitialTraceLevel":"2","wsDocumentRoot":"/d","sshUserId":"u"})",
+           0, R"(sshUserId="u" sslTraceLevel=3 wsDocumentRoot="/d")"},
+          {R"({"enableStrictPCI":true,"wsHstsEnable":5,"wsCTCDisplay":"yes",)"
+           R"("wsEnableTOTPRegService":false,"wsEnableYubiEnrollment":9})",
+           0,
+           "wsHstsEnable=5 enableStrictPCI=1 wsEnableTOTPRegService=0 wsEnableYubiEnrollment=1 "
+           "wsCTCDisplay=0"},
           {R"({"maxAdminFailures":"x","wsAdminSessionTimeout":60,"wsMaxCTCFailures":true})", 0,
            "wsAdminSessionTimeout=60"},
           {R"({"wsPKCSTokenName":""})", STCSETTINGS_NO_TOKEN_NAME, ""},
           {R"({"wsPKCSTokenName":5})", STCSETTINGS_NO_TOKEN_NAME, ""},
           {R"({"wsPKCSTokenName":"T1","wsPKCSTokenName":""})", 0, R"(wsPKCSTokenName="T1")"},
           {R"({"tlsP12Loc":"","sslTraceLevel":1})", STCSETTINGS_NO_P12_LOCATION, ""},
-          {R"({"tlsTrustLoc":"","tlsTrustLoc":"/t"})", 0, R"(tlsTrustLoc="/t")"},
-          {R"({"CSPReportPolicy":""})", 0, ""},
-          {R"({"wsDocumentRoot":"/d","sshUserId":"u"})", 0, R"(sshUserId="u" wsDocumentRoot="/d")"},
-          {R"({"DefaultPolicy":"x","bogus":{"defaultPolicy":"y"}})", 0, ""},
           {R"([{"defaultPolicy":"x"}])", 0, ""},
           {R"({"defaultPolicy":"x",)", 0, ""},
       });
-}
-
-TEST(StcSettings, FullRecordConvertsExactlyAndCopies) {
-  stcSettings *settings = fullRecord();
-  ASSERT_NE(settings, nullptr);
-  EXPECT_EQ(jsonOf(kStc, settings), kFull);
-  mfatest::expectRoundTrip(kStc, settings);
-  int length = 0;
-  EXPECT_EQ(stcSettingsConvertToJSON(settings, nullptr, &length), SETTINGS_BUFFER_TOO_SMALL);
-  EXPECT_EQ(length, static_cast<int>(kFull.size()));
-
-  stcSettings *copy = nullptr;
-  ASSERT_EQ(stcSettingsCopy(settings, &copy), 0);
-  EXPECT_TRUE(mfasettings::sameSettings(settings, copy));
-  // Only unset fields of the destination are filled.
-  auto *partial = safeMallocRecord<stcSettings>("test settings");
-  partial->defaultPolicy = duplicateString("mine");
-  partial->wsWebServerAuthTLSPort = 1;
-  ASSERT_EQ(stcSettingsNonDestructiveCopy(settings, partial), 0);
-  stcSettingsDestroy(settings);
-  EXPECT_EQ(jsonOf(kStc, copy), kFull);
-  EXPECT_EQ(mfatest::memberChanges(kFull, jsonOf(kStc, partial)),
-            R"(defaultPolicy="mine" wsWebServerAuthTLSPort=1)");
-  EXPECT_EQ(partial->maxCheckCTCFailures, 100);
-  stcSettingsDestroy(partial);
-  stcSettingsDestroy(copy);
 }
 
 // The listing's lines with each leading time stamp replaced by "<stamp>".
@@ -137,9 +91,11 @@ std::string listing(const stcSettings *settings) {
   return std::regex_replace(out, stamp, "<stamp> ");
 }
 
-TEST(StcSettings, ListingLineByLine) {
-  stcSettings *settings = fullRecord();
+TEST(StcSettings, FullRecordConvertsListsAndCopiesExactly) {
+  stcSettings *settings = mfatest::made(kStc, kFull);
   ASSERT_NE(settings, nullptr);
+  EXPECT_EQ(jsonOf(kStc, settings), kFull);
+  mfatest::expectRoundTrip(kStc, settings);
   EXPECT_EQ(listing(settings), "<stamp> STC:STC Settings follow:\n"
                                "<stamp> STC:  PCI Compliance Mode: Enabled\n"
                                "<stamp> STC:  Initial trace level: 3\n"
@@ -169,10 +125,24 @@ TEST(StcSettings, ListingLineByLine) {
                                "<stamp> STC:  SSL Trace Level:     2\n"
                                "<stamp> STC:  Trust store path:    /etc/trust.p12\n"
                                "<stamp> STC:  PKCS#12 file path:   /etc/server.p12\n");
+
+  stcSettings *copy = nullptr;
+  ASSERT_EQ(stcSettingsCopy(settings, &copy), 0);
+  EXPECT_TRUE(mfasettings::sameSettings(settings, copy));
+  // Only unset fields of the destination are filled.
+  auto *partial = safeMallocRecord<stcSettings>("test settings");
+  partial->defaultPolicy = duplicateString("mine");
+  partial->wsWebServerAuthTLSPort = 1;
+  ASSERT_EQ(stcSettingsNonDestructiveCopy(settings, partial), 0);
   stcSettingsDestroy(settings);
+  EXPECT_EQ(mfatest::memberChanges(kFull, jsonOf(kStc, partial)),
+            R"(defaultPolicy="mine" wsWebServerAuthTLSPort=1)");
+  EXPECT_EQ(partial->maxCheckCTCFailures, 100);
+  stcSettingsDestroy(partial);
+  stcSettingsDestroy(copy);
 
   // Without the broadcast service its two lines go; unset texts read NULL.
-  ASSERT_EQ(stcSettingsCreateFromJSON("", 0, &settings), 0);
+  settings = mfatest::made(kStc, "");
   std::string defaults = listing(settings);
   EXPECT_NE(defaults.find("STC:  CTC Broadcast Service: Disabled\n<stamp> STC:  Max Admin"),
             std::string::npos)

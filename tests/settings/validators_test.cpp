@@ -29,6 +29,15 @@ struct IntCase {
 const std::string k32(32, 'A'), k33(33, 'A'), k64(64, 'K'), k65(65, 'K');
 const std::string k255(255, 'x'), k256(256, 'x'), k511(511, 's'), k512(512, 's');
 
+// The validators that take a second argument, with it fixed.
+auto cacheNameOrEmpty = [](const char *v) { return validateCacheName(v, 1); };
+auto cacheName = [](const char *v) { return validateCacheName(v, 0); };
+auto cacheEntriesOrZero = [](const char *v) { return validateCacheEntries(v, 1); };
+auto userOf = [](const char *v) { return validateUserPassword(v, "p"); };
+auto passwordOf = [](const char *v) { return validateUserPassword("u", v); };
+auto cacheEntriesIntOrZero = [](int v) { return validateCacheEntriesInt(v, 1); };
+auto cacheEntriesInt = [](int v) { return validateCacheEntriesInt(v, 0); };
+
 const TextCase kTextCases[] = {
     {V(ValidateNumeric), {"", "0", "0123456789"}, {"1a", "-1", " 1", "1.0"}},
     {V(ValidateAlphaNumericNational), {"", "aZ09@#$"}, {"a-b", "a.b", "a b", "a_b"}},
@@ -61,25 +70,15 @@ const TextCase kTextCases[] = {
     {V(validateTokenNumDigits), {"6", "7", "8"}, {"5", "9", "06", ""}},
     {V(validateTokenPeriod), {"15", "30", "60"}, {"45", "030", "0", ""}},
     {V(validateAuthWindow), {"1", "10", "01"}, {"0", "11", "010", ""}},
-    {"validateCacheName(allowEmpty)",
-     [](const char *v) { return validateCacheName(v, 1); },
-     {"", "CACHE@1"},
-     {"CACHE@123", "A-B"},
-     1},
-    {"validateCacheName", [](const char *v) { return validateCacheName(v, 0); }, {"C"}, {""}},
+    {V(cacheNameOrEmpty), {"", "CACHE@1"}, {"CACHE@123", "A-B"}, 1},
+    {V(cacheName), {"C"}, {""}},
     // The text form never takes zero, even when allowed.
-    {"validateCacheEntries(allowZero)",
-     [](const char *v) { return validateCacheEntries(v, 1); },
+    {V(cacheEntriesOrZero),
      {"1024", "1048576", "0001024"},
      {"0", "1023", "1048577", "00001024", ""}},
-    {"validateUserPassword(user)",
-     [](const char *v) { return validateUserPassword(v, "p"); },
-     {"u"},
-     {""}},
-    {"validateUserPassword(password)",
-     [](const char *v) { return validateUserPassword("u", v); },
-     {"p"},
-     {""}},
+    // Both parts are needed: empty or null either side is refused.
+    {V(userOf), {"u"}, {""}},
+    {V(passwordOf), {"p"}, {""}},
     {V(validateKeyLabel), {"KVTRSTC.AESKEY", "@KEY.1", k64}, {"KEY-1", "", k65, "1KEY"}},
     {V(validateRetryCount), {"1", "15"}, {"0", "16", ""}},
     {V(validateTimeout), {"1", "30"}, {"0", "31", ""}},
@@ -96,11 +95,8 @@ const IntCase kIntCases[] = {
     {V(validateTokenNumDigitsInt), {6, 8}, {5, 9}},
     {V(validateTokenPeriodInt), {15, 30, 60}, {14, 16, 45, 0}},
     {V(validateTOTPAuthWindowInt), {1, 10}, {0, 11}},
-    {"validateCacheEntriesInt(allowZero)",
-     [](int v) { return validateCacheEntriesInt(v, 1); },
-     {0, 1024, 1048576},
-     {1, 1023, 1048577}},
-    {"validateCacheEntriesInt", [](int v) { return validateCacheEntriesInt(v, 0); }, {1024}, {0}},
+    {V(cacheEntriesIntOrZero), {0, 1024, 1048576}, {1, 1023, 1048577}},
+    {V(cacheEntriesInt), {1024}, {0}},
     {V(validateRetryCountInt), {1, 15}, {0, 16}},
     {V(validateTimeoutInt), {1, 30}, {0, 31}},
 };
@@ -122,19 +118,6 @@ TEST(Validators, IntegerFormsAcceptAndRefuse) {
     for (int value : c.refused)
       EXPECT_EQ(c.valid(value), 0) << c.name << " accepted " << value;
   }
-}
-
-TEST(Validators, UserPasswordNeedsBoth) {
-  EXPECT_EQ(validateUserPassword("u", "p"), 1);
-  for (auto [user, password] :
-       {std::pair<const char *, const char *>{"", "p"}, {"u", ""}, {nullptr, "p"}, {"u", nullptr}})
-    EXPECT_EQ(validateUserPassword(user, password), 0);
-}
-
-TEST(Validators, DataSetNameIsLeftIntact) {
-  char name[] = "SYS1.PARMLIB";
-  ASSERT_EQ(validateDsname(name), 1);
-  EXPECT_STREQ(name, "SYS1.PARMLIB");
 }
 
 } // namespace
