@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <functional>
 #include <map>
 #include <regex>
 #include <string>
@@ -23,6 +22,11 @@ using mfatest::TokenKind;
 
 // What fn printed, each time stamp and "MFADB:" replaced by "|", so that
 // line ends can be compared exactly.
+// clang-format off
+// A step whose call hands nothing out.
+#define CALL(status, printed, call) {#call, mfatest::writes([&] { return call; }), status, "", printed}
+// clang-format on
+
 template <typename Fn> std::string printed(Fn &&fn) {
   static const std::regex stamp(R"(\d{4}(-\d\d){5}\.\d{6} MFADB:)");
   return std::regex_replace(mfatest::captureStdout(fn), stamp, "|");
@@ -84,17 +88,7 @@ std::string readOne(int status, Fn &&fn, Destroy destroy) {
 
 using PavoClientsTest = mfatest::PgTest;
 
-TEST_F(PavoClientsTest, ClientsAreAddedReadUpdatedAndDeleted) {
-  auto add = [&](const char *id, const char *secret, const char *description) {
-    return mfatest::writes([=, this] { return addPavo(ctx, id, secret, description); });
-  };
-  auto update = [&](int id, const char *secret, const char *description) {
-    return mfatest::writes(
-        [=, this] { return qn_db_pavo_UpdateClient(ctx, id, secret, description); });
-  };
-  auto remove = [&](int id) {
-    return mfatest::writes([=, this] { return qn_db_pavo_DeleteClient(ctx, id); });
-  };
+TEST_F(PavoClientsTest, ClientsAreAddedReadUpdatedAndDeletedAndFailuresReported) {
   // Every record, "|" between them.
   auto list = [&](int &status) {
     int count = 0;
@@ -119,35 +113,46 @@ TEST_F(PavoClientsTest, ClientsAreAddedReadUpdatedAndDeleted) {
                     second = "2 '); drop table qmx_user; -- h'2 ";
   mfatest::runSteps({
       {"an empty table", list, 80105, "", "MFADB:No PAVO Clients returned."},
-      {"quotes and format marks", add("agent-1", "hash1", "Bob's agent \\ 100% %s"), 0, "", ""},
-      {"an injection, no description", add("'); drop table qmx_user; --", "h'2", nullptr), 0,
-       "", ""},
-      {"UTF-8", add("agent-é", "hash3", "größer"), 0, "", ""},
-      {"no id", add(nullptr, "hash5", ""), 80106, "", ""},
-      {"no secret", add("agent-5", nullptr, ""), 80106, "", ""},
-      {"no record", mfatest::writes([&] { return qn_db_pavo_AddClient(ctx, nullptr); }), 80106,
-       "", ""},
+      // Quotes, backslashes, format marks, an injection, no description, UTF-8.
+      CALL(0, "", addPavo(ctx, "agent-1", "hash1", "Bob's agent \\ 100% %s")),
+      CALL(0, "", addPavo(ctx, "'); drop table qmx_user; --", "h'2", nullptr)),
+      CALL(0, "", addPavo(ctx, "agent-é", "hash3", "größer")),
+      CALL(80106, "", addPavo(ctx, nullptr, "hash5", "")),
+      CALL(80106, "", addPavo(ctx, "agent-5", nullptr, "")),
+      CALL(80106, "", qn_db_pavo_AddClient(ctx, nullptr)),
       {"listed as stored", list, 0, first + "|" + second + "|3 agent-é hash3 größer", ""},
       {"read by id", byId(2), 0, second, ""},
       // An unknown id reads as a failed statement.
       {"an unknown id", byId(99), 80102, "", "MFADB:SELECT failed: \n"},
-      {"only the secret", update(1, "n'\\2", nullptr), 0, "", ""},
-      {"only the description", update(1, nullptr, "it's 100% %s %d"), 0, "", ""},
-      {"nothing to update", update(1, nullptr, nullptr), 80106, "", ""},
+      CALL(0, "", qn_db_pavo_UpdateClient(ctx, 1, "n'\\2", nullptr)),
+      CALL(0, "", qn_db_pavo_UpdateClient(ctx, 1, nullptr, "it's 100% %s %d")),
+      CALL(80106, "", qn_db_pavo_UpdateClient(ctx, 1, nullptr, nullptr)),
       // The second pass would not fit its buffer.
-      {"too long", update(1, nullptr, tooLong.c_str()), 80106, "",
-       "MFADB:statement too long: 1072 bytes do not fit a buffer of 1024\n"},
-      {"an unknown id is no error", update(99, "s", "d"), 0, "", ""},
+      CALL(80106, "MFADB:statement too long: 1072 bytes do not fit a buffer of 1024\n",
+           qn_db_pavo_UpdateClient(ctx, 1, nullptr, tooLong.c_str())),
+      CALL(0, "", qn_db_pavo_UpdateClient(ctx, 99, "s", "d")),
       {"updated", byId(1), 0, "1 agent-1 n'\\2 it's 100% %s %d", ""},
-      {"id 0", remove(0), 80106, "", ""},
-      {"id -1", remove(-1), 80106, "", ""},
-      {"an unknown id is no error", remove(99), 0, "", ""},
-      {"deleted", remove(1), 0, "", ""},
+      CALL(80106, "", qn_db_pavo_DeleteClient(ctx, 0)),
+      CALL(80106, "", qn_db_pavo_DeleteClient(ctx, -1)),
+      CALL(0, "", qn_db_pavo_DeleteClient(ctx, 99)),
+      CALL(0, "", qn_db_pavo_DeleteClient(ctx, 1)),
       {"the others stay", list, 0, second + "|3 agent-é hash3 größer", ""},
   });
   // A duplicate id passes the server's text on.
   std::string out = printed([&] { EXPECT_EQ(addPavo(ctx, "agent-é", "", ""), 80104); });
   EXPECT_EQ(out.rfind("|insert failed: ERROR:  duplicate key value", 0), 0u) << out;
+
+  // Refused connections: only the secret check ends libpq's text, which
+  // brings a line end of its own, with another.
+  freeString(ctx->connectionString);
+  ctx->connectionString = duplicateString("host=127.0.0.1 port=1");
+  qn_pkcs11_session token{};
+  std::string validate = printed(
+      [&] { EXPECT_EQ(qn_db_pavo_ValidateClientSecret(ctx, &token, "id", "secret"), 80101); });
+  int status = 0;
+  EXPECT_EQ(validate.substr(validate.size() - 2), "\n\n") << validate;
+  EXPECT_EQ(validate.substr(0, validate.size() - 1), printed([&] { list(status); }));
+  EXPECT_EQ(status, 80101);
 }
 
 // The secret hash needs the database and a token: SoftHSM2 unless a
@@ -333,33 +338,20 @@ TEST_F(OrlinClientsTest, UserProfilesAreGroupedPerClientAndPerUser) {
   addUser("ann");
   int eve = addUser("eve");
   int h1 = addClient("h1.example"), h2 = addClient("h2.example");
-  struct Connect {
-    const char *uid; // by names when set, else bob by ids
-    int clientid;
-    const char *remote;
-    int status;
-    const char *printed;
-  } connects[] = {
-      {nullptr, h1, "Root", 0, ""},
-      {nullptr, h2, "Admin", 0, ""},
-      {nullptr, h1, "O'Brien", 0, ""},
-      {"ann", h1, "Svc'X", 0, ""},
-      {nullptr, h1, nullptr, 80105, "|error escaping userid or name\n"},
-      {"nobody", h1, "x", 80104, "|insert failed: "},
-      {"ann", 0, "x", 80105,
-       "|required parameter missing, mfaid, hostname and remote user profile are all "
-       "required."},
-  };
-  for (const Connect &c : connects) {
-    const char *host = c.clientid == h1 ? "h1.example" : c.clientid == h2 ? "h2.example" : "";
-    EXPECT_EQ(printed([&] {
-                EXPECT_EQ(c.uid ? qn_db_userOrlin_ConnectByName(ctx, c.uid, host, c.remote)
-                                : qn_db_userOrlin_Connect(ctx, bob, c.clientid, c.remote),
-                          c.status);
-              }),
-              c.printed)
-        << (c.remote ? c.remote : "-");
-  }
+  mfatest::runSteps({
+      CALL(0, "", qn_db_userOrlin_Connect(ctx, bob, h1, "Root")),
+      CALL(0, "", qn_db_userOrlin_Connect(ctx, bob, h2, "Admin")),
+      CALL(0, "", qn_db_userOrlin_Connect(ctx, bob, h1, "O'Brien")),
+      CALL(0, "", qn_db_userOrlin_ConnectByName(ctx, "ann", "h1.example", "Svc'X")),
+      CALL(80105, "MFADB:error escaping userid or name\n",
+           qn_db_userOrlin_Connect(ctx, bob, h1, nullptr)),
+      CALL(80104, "MFADB:insert failed: ",
+           qn_db_userOrlin_ConnectByName(ctx, "nobody", "h1.example", "x")),
+      CALL(80105,
+           "MFADB:required parameter missing, mfaid, hostname and remote user profile are all "
+           "required.",
+           qn_db_userOrlin_ConnectByName(ctx, "ann", "", "x")),
+  });
   // By ids the remote id is folded to lower case; by names the escaped copy
   // is the parameter, so its quote arrives doubled.
   EXPECT_EQ(links(), (Rows{{"1", "bob", "h1.example", "root", "0"},
@@ -367,8 +359,8 @@ TEST_F(OrlinClientsTest, UserProfilesAreGroupedPerClientAndPerUser) {
                            {"3", "bob", "h1.example", "o'brien", "0"},
                            {"4", "ann", "h1.example", "Svc''X", "0"}}));
 
-  ASSERT_EQ(qn_db_userOrlin_Update(ctx, 3, "O'Neil", 6), 0);
-  EXPECT_EQ(qn_db_userOrlin_Update(ctx, 3, nullptr, 6), 80106);
+  mfatest::runSteps({CALL(0, "", qn_db_userOrlin_Update(ctx, 3, "O'Neil", 6)),
+                     CALL(80106, "", qn_db_userOrlin_Update(ctx, 3, nullptr, 6))});
   const std::vector<std::string> bobs = {"1/1 h1.example: 1=root:0 3=O'Neil:6",
                                          "1/2 h2.example: 2=admin:0"};
   EXPECT_EQ(userClients(bob), bobs);
@@ -387,38 +379,16 @@ TEST_F(OrlinClientsTest, UserProfilesAreGroupedPerClientAndPerUser) {
   };
   EXPECT_EQ(link(4, 0), "2/1 h1.example: 4=Svc''X:0");
   mfatest::captureStdout([&] { EXPECT_EQ(link(99, 80105), ""); });
+  // The client is read before its users' uids fail: the partial record is
+  // released.
+  sql("alter table qmx_user rename to hidden");
+  mfatest::captureStdout([&] { EXPECT_EQ(client(h1, 80102), ""); });
+  sql("alter table hidden rename to qmx_user");
 
   ASSERT_EQ(qn_db_userOrlin_Disconnect(ctx, 1), 0);
   ASSERT_EQ(qn_db_orlin_DeleteClient(ctx, h1), 0);
   EXPECT_EQ(links(), (Rows{{"2", "bob", "h2.example", "admin", "0"}}));
   EXPECT_EQ(sql("select clienthostname from qmx_orlinclients"), (Rows{{"h2.example"}}));
-}
-
-TEST_F(OrlinClientsTest, PartialClientIsReleasedWhenItsUsersCannotBeRead) {
-  ASSERT_EQ(qn_db_userOrlin_Connect(ctx, addUser("bob"), addClient("h1.example"), "root"), 0);
-  // The client is read before its users' uids fail; the table comes back
-  // however the test ends.
-  struct Restore {
-    std::function<void()> undo;
-    ~Restore() { undo(); }
-  } restore{[this] { sql("alter table hidden rename to qmx_user"); }};
-  sql("alter table qmx_user rename to hidden");
-  mfatest::captureStdout([&] { EXPECT_EQ(client(1, 80102), ""); });
-}
-
-TEST_F(PavoClientsTest, OnlyTheSecretCheckEndsARefusedConnectionWithItsOwnLineEnd) {
-  freeString(ctx->connectionString);
-  ctx->connectionString = duplicateString("host=127.0.0.1 port=1");
-  qn_pkcs11_session token{};
-  int count = 0;
-  clientData **list = nullptr;
-  // libpq's text brings one line end.
-  std::string validate = printed(
-      [&] { EXPECT_EQ(qn_db_pavo_ValidateClientSecret(ctx, &token, "id", "secret"), 80101); });
-  std::string listing =
-      printed([&] { EXPECT_EQ(qn_db_pavo_GetAllClients(ctx, &count, &list), 80101); });
-  EXPECT_EQ(validate.substr(validate.size() - 2), "\n\n") << validate;
-  EXPECT_EQ(validate.substr(0, validate.size() - 1), listing);
 }
 
 } // namespace
