@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <regex>
 #include <string>
@@ -20,13 +21,13 @@ namespace {
 using mfatest::Rows;
 using mfatest::TokenKind;
 
-// What fn printed, each time stamp and "MFADB:" replaced by "|", so that
-// line ends can be compared exactly.
 // clang-format off
 // A step whose call hands nothing out.
 #define CALL(status, printed, call) {#call, mfatest::writes([&] { return call; }), status, "", printed}
 // clang-format on
 
+// What fn printed, each time stamp and "MFADB:" replaced by "|", so that
+// line ends can be compared exactly.
 template <typename Fn> std::string printed(Fn &&fn) {
   static const std::regex stamp(R"(\d{4}(-\d\d){5}\.\d{6} MFADB:)");
   return std::regex_replace(mfatest::captureStdout(fn), stamp, "|");
@@ -59,15 +60,32 @@ std::string describe(const orlinClientData *c) {
   return text;
 }
 
-template <typename T, typename Destroy>
-std::vector<std::string> describeAll(T **array, int count, Destroy destroy) {
-  std::vector<std::string> texts;
-  for (int i = 0; i < count; i++) {
-    texts.push_back(describe(array[i]));
-    destroy(array[i]);
-  }
-  safeFree(reinterpret_cast<char *>(array), count * static_cast<int>(sizeof(T *)));
-  return texts;
+// Step runs reading one record through call(&record), or every record
+// through call(&count, &array) with "|" between them.
+template <typename T, typename Call>
+std::function<std::string(int &)> reads(Call call, void (*destroy)(T *)) {
+  return [=](int &status) {
+    T *record = nullptr;
+    status = call(&record);
+    std::string text = record ? describe(record) : "";
+    destroy(record);
+    return text;
+  };
+}
+template <typename T, typename Call>
+std::function<std::string(int &)> lists(Call call, void (*destroy)(T *)) {
+  return [=](int &status) {
+    int count = 0;
+    T **array = nullptr;
+    status = call(&count, &array);
+    std::string text;
+    for (int i = 0; status == 0 && i < count; i++) {
+      text += (i ? "|" : "") + describe(array[i]);
+      destroy(array[i]);
+    }
+    safeFree(reinterpret_cast<char *>(array), count * static_cast<int>(sizeof(T *)));
+    return text;
+  };
 }
 
 int addPavo(dbctx *ctx, const char *id, const char *secret, const char *description) {
@@ -76,37 +94,15 @@ int addPavo(dbctx *ctx, const char *id, const char *secret, const char *descript
   return qn_db_pavo_AddClient(ctx, &client);
 }
 
-// One record read back through fn(&record), "" when none is handed out.
-template <typename T, typename Fn, typename Destroy>
-std::string readOne(int status, Fn &&fn, Destroy destroy) {
-  T *record = nullptr;
-  EXPECT_EQ(fn(&record), status);
-  std::string text = record ? describe(record) : "";
-  destroy(record);
-  return text;
-}
-
 using PavoClientsTest = mfatest::PgTest;
 
 TEST_F(PavoClientsTest, ClientsAreAddedReadUpdatedAndDeletedAndFailuresReported) {
-  // Every record, "|" between them.
-  auto list = [&](int &status) {
-    int count = 0;
-    clientData **list = nullptr;
-    status = qn_db_pavo_GetAllClients(ctx, &count, &list);
-    std::string text;
-    for (const std::string &one : describeAll(list, status == 0 ? count : 0, destroyClientData))
-      text += (text.empty() ? "" : "|") + one;
-    return text;
-  };
+  auto list =
+      lists([&](int *n, clientData ***all) { return qn_db_pavo_GetAllClients(ctx, n, all); },
+            destroyClientData);
   auto byId = [&](int id) {
-    return [=, this](int &status) {
-      clientData *one = nullptr;
-      status = qn_db_pavo_GetClientById(ctx, id, &one);
-      std::string text = one ? describe(one) : "";
-      destroyClientData(one);
-      return text;
-    };
+    return reads([=, this](clientData **c) { return qn_db_pavo_GetClientById(ctx, id, c); },
+                 destroyClientData);
   };
   const std::string tooLong(1000, 'x');
   const std::string first = "1 agent-1 hash1 Bob's agent \\ 100% %s",
@@ -278,59 +274,47 @@ protected:
                "remoteuserstatus from qmx_userorlinclient join qmx_user using (userid) join "
                "qmx_orlinclients using (clientid) order by 1");
   }
-  // A user's connections by id (by uid when given), or the status when not 0.
-  std::vector<std::string> userClients(int userid, const char *uid = nullptr) {
-    int count = 0;
-    orlinClientUserData **list = nullptr;
-    int status = uid ? qn_db_user_getAllOrlinClientsByMFAId(ctx, uid, &count, &list)
-                     : qn_db_user_getAllOrlinClients(ctx, userid, &count, &list);
-    if (status != 0)
-      return {std::to_string(status)};
-    return describeAll(list, count, destroyOrlinClientUserData);
+  std::function<std::string(int &)> client(int id) {
+    return reads([=, this](orlinClientData **c) { return qn_db_orlin_GetClient(ctx, id, c); },
+                 destroyOrlinClientData);
   }
-  std::string client(int id, int status = 0) {
-    return readOne<orlinClientData>(
-        status, [&](orlinClientData **c) { return qn_db_orlin_GetClient(ctx, id, c); },
-        destroyOrlinClientData);
-  }
+  const char *none = "MFADB:No ORLIN Clients returned.";
 };
 
 TEST_F(OrlinClientsTest, ClientsAreAddedListedUpdatedAndShowTheirStatus) {
-  int count = -1;
-  orlinClientData **list = nullptr;
-  EXPECT_EQ(printed([&] { EXPECT_EQ(qn_db_orlin_GetAllClients(ctx, &count, &list), 80105); }),
-            "|No ORLIN Clients returned.");
+  auto list =
+      lists([&](int *n, orlinClientData ***all) { return qn_db_orlin_GetAllClients(ctx, n, all); },
+            destroyOrlinClientData);
+  auto host = [&](int id) {
+    return [=, this](int &status) {
+      char *name = nullptr;
+      status = qn_db_orlin_GetClientHostnameFromId(ctx, id, &name);
+      std::string text = name ? name : "";
+      freeString(name);
+      return text;
+    };
+  };
+  mfatest::runSteps({{"an empty table", list, 80105, "", none}});
   const std::pair<const char *, int> added[] = {
       {"beta.example", 1}, {"alpha.example", 2}, {"beta.example", -80104}, {nullptr, -80106}};
   for (const auto &[host, id] : added)
     mfatest::captureStdout([&] { EXPECT_EQ(addClient(host, "Bob's"), id) << host; });
-  // A missing description is written empty.
   orlinClientData renamed{2, const_cast<char *>("gamma.example"), nullptr, 0, 0, nullptr};
-  ASSERT_EQ(qn_db_orlin_UpdateClient(ctx, &renamed), 0);
-  renamed.ClientHostname = nullptr;
-  EXPECT_EQ(qn_db_orlin_UpdateClient(ctx, &renamed), 80106);
-  ASSERT_EQ(qn_db_orlin_SetClientStatus(ctx, "gamma.example", 6), 0);
-
-  ASSERT_EQ(qn_db_orlin_GetAllClients(ctx, &count, &list), 0);
-  EXPECT_EQ(describeAll(list, count, destroyOrlinClientData),
-            (std::vector<std::string>{"1 beta.example (Bob's) 0", "2 gamma.example () 6"}));
-  EXPECT_EQ(printed([&] { EXPECT_EQ(client(2), "2 gamma.example () 6"); }),
-            "|No users connected to client");
+  orlinClientData nameless{2, nullptr, nullptr, 0, 0, nullptr};
+  mfatest::runSteps({
+      // A missing description is written empty.
+      CALL(0, "", qn_db_orlin_UpdateClient(ctx, &renamed)),
+      CALL(80106, "", qn_db_orlin_UpdateClient(ctx, &nameless)),
+      CALL(0, "", qn_db_orlin_SetClientStatus(ctx, "gamma.example", 6)),
+      {"listed", list, 0, "1 beta.example (Bob's) 0|2 gamma.example () 6", ""},
+      {"read", client(2), 0, "2 gamma.example () 6", "MFADB:No users connected to client"},
+      {"a host name", host(1), 0, "beta.example", ""},
+      {"an unknown id", host(99), 80105, "", none},
+      {"an unknown client", client(99), 80105, "", none},
+  });
   for (const auto &[status, name] :
        {std::pair{6, "AUTHENTICATION FAILURE"}, {8, "UNKNOWN"}, {-1, "UNKNOWN"}})
     EXPECT_STREQ(orlinClientStatusName(status), name) << status;
-
-  char *host = nullptr;
-  ASSERT_EQ(qn_db_orlin_GetClientHostnameFromId(ctx, 1, &host), 0);
-  EXPECT_STREQ(host, "beta.example");
-  freeString(host);
-  host = nullptr;
-  EXPECT_EQ(printed([&] {
-              EXPECT_EQ(qn_db_orlin_GetClientHostnameFromId(ctx, 99, &host), 80105);
-              EXPECT_EQ(client(99, 80105), "");
-            }),
-            "|No ORLIN Clients returned.|No ORLIN Clients returned.");
-  EXPECT_EQ(host, nullptr);
 }
 
 TEST_F(OrlinClientsTest, UserProfilesAreGroupedPerClientAndPerUser) {
@@ -359,30 +343,44 @@ TEST_F(OrlinClientsTest, UserProfilesAreGroupedPerClientAndPerUser) {
                            {"3", "bob", "h1.example", "o'brien", "0"},
                            {"4", "ann", "h1.example", "Svc''X", "0"}}));
 
-  mfatest::runSteps({CALL(0, "", qn_db_userOrlin_Update(ctx, 3, "O'Neil", 6)),
-                     CALL(80106, "", qn_db_userOrlin_Update(ctx, 3, nullptr, 6))});
-  const std::vector<std::string> bobs = {"1/1 h1.example: 1=root:0 3=O'Neil:6",
-                                         "1/2 h2.example: 2=admin:0"};
-  EXPECT_EQ(userClients(bob), bobs);
-  EXPECT_EQ(userClients(0, "bob"), bobs);
-  EXPECT_EQ(printed([&] {
-              EXPECT_EQ(userClients(eve), std::vector<std::string>{"80105"});
-              EXPECT_EQ(userClients(0, "nobody"), std::vector<std::string>{"80105"});
-            }),
-            "|No ORLIN Clients returned.|User not found\n");
-
-  EXPECT_EQ(client(h1), "1 h1.example () 0 [1/1 bob: 1=root:0 3=O'Neil:6] [2/1 ann: 4=Svc''X:0]");
-  auto link = [&](int id, int status) {
-    return readOne<orlinClientUserData>(
-        status, [&](orlinClientUserData **c) { return qn_db_getUserOrlinClientById(ctx, id, c); },
+  auto byId = [&](int userid) {
+    return lists(
+        [=, this](int *n, orlinClientUserData ***all) {
+          return qn_db_user_getAllOrlinClients(ctx, userid, n, all);
+        },
         destroyOrlinClientUserData);
   };
-  EXPECT_EQ(link(4, 0), "2/1 h1.example: 4=Svc''X:0");
-  mfatest::captureStdout([&] { EXPECT_EQ(link(99, 80105), ""); });
+  auto byUid = [&](const char *uid) {
+    return lists(
+        [=, this](int *n, orlinClientUserData ***all) {
+          return qn_db_user_getAllOrlinClientsByMFAId(ctx, uid, n, all);
+        },
+        destroyOrlinClientUserData);
+  };
+  auto link = [&](int id) {
+    return reads(
+        [=, this](orlinClientUserData **c) { return qn_db_getUserOrlinClientById(ctx, id, c); },
+        destroyOrlinClientUserData);
+  };
+  const std::string bobs = "1/1 h1.example: 1=root:0 3=O'Neil:6|1/2 h2.example: 2=admin:0";
+  mfatest::runSteps({
+      CALL(0, "", qn_db_userOrlin_Update(ctx, 3, "O'Neil", 6)),
+      CALL(80106, "", qn_db_userOrlin_Update(ctx, 3, nullptr, 6)),
+      {"per user by id", byId(bob), 0, bobs, ""},
+      {"per user by uid", byUid("bob"), 0, bobs, ""},
+      {"no connections", byId(eve), 80105, "", none},
+      {"an unknown uid", byUid("nobody"), 80105, "", "MFADB:User not found\n"},
+      {"per client", client(h1), 0,
+       "1 h1.example () 0 [1/1 bob: 1=root:0 3=O'Neil:6] [2/1 ann: 4=Svc''X:0]", ""},
+      {"one link", link(4), 0, "2/1 h1.example: 4=Svc''X:0", ""},
+      {"an unknown link", link(99), 80105, "", none},
+  });
   // The client is read before its users' uids fail: the partial record is
   // released.
   sql("alter table qmx_user rename to hidden");
-  mfatest::captureStdout([&] { EXPECT_EQ(client(h1, 80102), ""); });
+  int status = 0;
+  mfatest::captureStdout([&] { EXPECT_EQ(client(h1)(status), ""); });
+  EXPECT_EQ(status, 80102);
   sql("alter table hidden rename to qmx_user");
 
   ASSERT_EQ(qn_db_userOrlin_Disconnect(ctx, 1), 0);
