@@ -190,23 +190,17 @@ TEST_P(ClientSecretTest, SecretHashedInOneProcessValidatesInTheNext) {
   EXPECT_EQ(hashed.size(), 44u) << hashed; // 32 bytes in base64
   ASSERT_EQ(addPavo(ctx, "agent", hashed.c_str(), ""), 0);
   ASSERT_EQ(addPavo(ctx, "o'agent", hashed.c_str(), ""), 0);
-  struct Case {
-    const char *id, *secret;
-    int status;
-    const char *printed;
-  } cases[] = {
-      {"agent", "s3cret", 0, ""},
-      {"agent", "S3cret", 81101, "|Client Secret validation fail for ClientID: agent\n"},
-      {"nobody", "s3cret", 80105, "|ClientID not found"},
+  mfatest::runSteps({
+      CALL(0, "", validate("agent", "s3cret")),
+      CALL(81101, "MFADB:Client Secret validation fail for ClientID: agent\n",
+           validate("agent", "S3cret")),
+      CALL(80105, "MFADB:ClientID not found", validate("nobody", "s3cret")),
       // The lookup takes the escaped id: the doubled quote matches nothing.
-      {"o'agent", "s3cret", 80105, "|ClientID not found"},
-      {nullptr, "s3cret", 80106, ""},
-      {"agent", nullptr, 80106, ""},
-  };
-  for (const Case &c : cases)
-    EXPECT_EQ(printed([&] { EXPECT_EQ(validate(c.id, c.secret), c.status); }), c.printed)
-        << (c.id ? c.id : "-");
-  EXPECT_EQ(qn_db_pavo_ValidateClientSecret(ctx, nullptr, "agent", "s3cret"), 80106);
+      CALL(80105, "MFADB:ClientID not found", validate("o'agent", "s3cret")),
+      CALL(80106, "", validate(nullptr, "s3cret")),
+      CALL(80106, "", validate("agent", nullptr)),
+      CALL(80106, "", qn_db_pavo_ValidateClientSecret(ctx, nullptr, "agent", "s3cret")),
+  });
 
   // A child opens the token afresh: only the token's own objects carry over.
   closeToken();
