@@ -21,11 +21,6 @@ namespace {
 using mfatest::Rows;
 using mfatest::TokenKind;
 
-// clang-format off
-// A step whose call hands nothing out.
-#define CALL(status, printed, call) {#call, mfatest::writes([&] { return call; }), status, "", printed}
-// clang-format on
-
 // What fn printed, each time stamp and "MFADB:" replaced by "|", so that
 // line ends can be compared exactly.
 template <typename Fn> std::string printed(Fn &&fn) {
@@ -110,28 +105,28 @@ TEST_F(PavoClientsTest, ClientsAreAddedReadUpdatedAndDeletedAndFailuresReported)
   mfatest::runSteps({
       {"an empty table", list, 80105, "", "MFADB:No PAVO Clients returned."},
       // Quotes, backslashes, format marks, an injection, no description, UTF-8.
-      CALL(0, "", addPavo(ctx, "agent-1", "hash1", "Bob's agent \\ 100% %s")),
-      CALL(0, "", addPavo(ctx, "'); drop table qmx_user; --", "h'2", nullptr)),
-      CALL(0, "", addPavo(ctx, "agent-é", "hash3", "größer")),
-      CALL(80106, "", addPavo(ctx, nullptr, "hash5", "")),
-      CALL(80106, "", addPavo(ctx, "agent-5", nullptr, "")),
-      CALL(80106, "", qn_db_pavo_AddClient(ctx, nullptr)),
+      MFA_CALL(0, "", addPavo(ctx, "agent-1", "hash1", "Bob's agent \\ 100% %s")),
+      MFA_CALL(0, "", addPavo(ctx, "'); drop table qmx_user; --", "h'2", nullptr)),
+      MFA_CALL(0, "", addPavo(ctx, "agent-é", "hash3", "größer")),
+      MFA_CALL(80106, "", addPavo(ctx, nullptr, "hash5", "")),
+      MFA_CALL(80106, "", addPavo(ctx, "agent-5", nullptr, "")),
+      MFA_CALL(80106, "", qn_db_pavo_AddClient(ctx, nullptr)),
       {"listed as stored", list, 0, first + "|" + second + "|3 agent-é hash3 größer", ""},
       {"read by id", byId(2), 0, second, ""},
       // An unknown id reads as a failed statement.
       {"an unknown id", byId(99), 80102, "", "MFADB:SELECT failed: \n"},
-      CALL(0, "", qn_db_pavo_UpdateClient(ctx, 1, "n'\\2", nullptr)),
-      CALL(0, "", qn_db_pavo_UpdateClient(ctx, 1, nullptr, "it's 100% %s %d")),
-      CALL(80106, "", qn_db_pavo_UpdateClient(ctx, 1, nullptr, nullptr)),
+      MFA_CALL(0, "", qn_db_pavo_UpdateClient(ctx, 1, "n'\\2", nullptr)),
+      MFA_CALL(0, "", qn_db_pavo_UpdateClient(ctx, 1, nullptr, "it's 100% %s %d")),
+      MFA_CALL(80106, "", qn_db_pavo_UpdateClient(ctx, 1, nullptr, nullptr)),
       // The second pass would not fit its buffer.
-      CALL(80106, "MFADB:statement too long: 1072 bytes do not fit a buffer of 1024\n",
-           qn_db_pavo_UpdateClient(ctx, 1, nullptr, tooLong.c_str())),
-      CALL(0, "", qn_db_pavo_UpdateClient(ctx, 99, "s", "d")),
+      MFA_CALL(80106, "MFADB:statement too long: 1072 bytes do not fit a buffer of 1024\n",
+               qn_db_pavo_UpdateClient(ctx, 1, nullptr, tooLong.c_str())),
+      MFA_CALL(0, "", qn_db_pavo_UpdateClient(ctx, 99, "s", "d")),
       {"updated", byId(1), 0, "1 agent-1 n'\\2 it's 100% %s %d", ""},
-      CALL(80106, "", qn_db_pavo_DeleteClient(ctx, 0)),
-      CALL(80106, "", qn_db_pavo_DeleteClient(ctx, -1)),
-      CALL(0, "", qn_db_pavo_DeleteClient(ctx, 99)),
-      CALL(0, "", qn_db_pavo_DeleteClient(ctx, 1)),
+      MFA_CALL(80106, "", qn_db_pavo_DeleteClient(ctx, 0)),
+      MFA_CALL(80106, "", qn_db_pavo_DeleteClient(ctx, -1)),
+      MFA_CALL(0, "", qn_db_pavo_DeleteClient(ctx, 99)),
+      MFA_CALL(0, "", qn_db_pavo_DeleteClient(ctx, 1)),
       {"the others stay", list, 0, second + "|3 agent-é hash3 größer", ""},
   });
   // A duplicate id passes the server's text on.
@@ -191,15 +186,15 @@ TEST_P(ClientSecretTest, SecretHashedInOneProcessValidatesInTheNext) {
   ASSERT_EQ(addPavo(ctx, "agent", hashed.c_str(), ""), 0);
   ASSERT_EQ(addPavo(ctx, "o'agent", hashed.c_str(), ""), 0);
   mfatest::runSteps({
-      CALL(0, "", validate("agent", "s3cret")),
-      CALL(81101, "MFADB:Client Secret validation fail for ClientID: agent\n",
-           validate("agent", "S3cret")),
-      CALL(80105, "MFADB:ClientID not found", validate("nobody", "s3cret")),
+      MFA_CALL(0, "", validate("agent", "s3cret")),
+      MFA_CALL(81101, "MFADB:Client Secret validation fail for ClientID: agent\n",
+               validate("agent", "S3cret")),
+      MFA_CALL(80105, "MFADB:ClientID not found", validate("nobody", "s3cret")),
       // The lookup takes the escaped id: the doubled quote matches nothing.
-      CALL(80105, "MFADB:ClientID not found", validate("o'agent", "s3cret")),
-      CALL(80106, "", validate(nullptr, "s3cret")),
-      CALL(80106, "", validate("agent", nullptr)),
-      CALL(80106, "", qn_db_pavo_ValidateClientSecret(ctx, nullptr, "agent", "s3cret")),
+      MFA_CALL(80105, "MFADB:ClientID not found", validate("o'agent", "s3cret")),
+      MFA_CALL(80106, "", validate(nullptr, "s3cret")),
+      MFA_CALL(80106, "", validate("agent", nullptr)),
+      MFA_CALL(80106, "", qn_db_pavo_ValidateClientSecret(ctx, nullptr, "agent", "s3cret")),
   });
 
   // A child opens the token afresh: only the token's own objects carry over.
@@ -297,9 +292,9 @@ TEST_F(OrlinClientsTest, ClientsAreAddedListedUpdatedAndShowTheirStatus) {
   orlinClientData nameless{2, nullptr, nullptr, 0, 0, nullptr};
   mfatest::runSteps({
       // A missing description is written empty.
-      CALL(0, "", qn_db_orlin_UpdateClient(ctx, &renamed)),
-      CALL(80106, "", qn_db_orlin_UpdateClient(ctx, &nameless)),
-      CALL(0, "", qn_db_orlin_SetClientStatus(ctx, "gamma.example", 6)),
+      MFA_CALL(0, "", qn_db_orlin_UpdateClient(ctx, &renamed)),
+      MFA_CALL(80106, "", qn_db_orlin_UpdateClient(ctx, &nameless)),
+      MFA_CALL(0, "", qn_db_orlin_SetClientStatus(ctx, "gamma.example", 6)),
       {"listed", list, 0, "1 beta.example (Bob's) 0|2 gamma.example () 6", ""},
       {"read", client(2), 0, "2 gamma.example () 6", "MFADB:No users connected to client"},
       {"a host name", host(1), 0, "beta.example", ""},
@@ -317,18 +312,18 @@ TEST_F(OrlinClientsTest, UserProfilesAreGroupedPerClientAndPerUser) {
   int eve = addUser("eve");
   int h1 = addClient("h1.example"), h2 = addClient("h2.example");
   mfatest::runSteps({
-      CALL(0, "", qn_db_userOrlin_Connect(ctx, bob, h1, "Root")),
-      CALL(0, "", qn_db_userOrlin_Connect(ctx, bob, h2, "Admin")),
-      CALL(0, "", qn_db_userOrlin_Connect(ctx, bob, h1, "O'Brien")),
-      CALL(0, "", qn_db_userOrlin_ConnectByName(ctx, "ann", "h1.example", "Svc'X")),
-      CALL(80105, "MFADB:error escaping userid or name\n",
-           qn_db_userOrlin_Connect(ctx, bob, h1, nullptr)),
-      CALL(80104, "MFADB:insert failed: ",
-           qn_db_userOrlin_ConnectByName(ctx, "nobody", "h1.example", "x")),
-      CALL(80105,
-           "MFADB:required parameter missing, mfaid, hostname and remote user profile are all "
-           "required.",
-           qn_db_userOrlin_ConnectByName(ctx, "ann", "", "x")),
+      MFA_CALL(0, "", qn_db_userOrlin_Connect(ctx, bob, h1, "Root")),
+      MFA_CALL(0, "", qn_db_userOrlin_Connect(ctx, bob, h2, "Admin")),
+      MFA_CALL(0, "", qn_db_userOrlin_Connect(ctx, bob, h1, "O'Brien")),
+      MFA_CALL(0, "", qn_db_userOrlin_ConnectByName(ctx, "ann", "h1.example", "Svc'X")),
+      MFA_CALL(80105, "MFADB:error escaping userid or name\n",
+               qn_db_userOrlin_Connect(ctx, bob, h1, nullptr)),
+      MFA_CALL(80104, "MFADB:insert failed: ",
+               qn_db_userOrlin_ConnectByName(ctx, "nobody", "h1.example", "x")),
+      MFA_CALL(80105,
+               "MFADB:required parameter missing, mfaid, hostname and remote user profile are all "
+               "required.",
+               qn_db_userOrlin_ConnectByName(ctx, "ann", "", "x")),
   });
   // By ids the remote id is folded to lower case; by names the escaped copy
   // is the parameter, so its quote arrives doubled.
@@ -358,8 +353,8 @@ TEST_F(OrlinClientsTest, UserProfilesAreGroupedPerClientAndPerUser) {
   };
   const std::string bobs = "1/1 h1.example: 1=root:0 3=O'Neil:6|1/2 h2.example: 2=admin:0";
   mfatest::runSteps({
-      CALL(0, "", qn_db_userOrlin_Update(ctx, 3, "O'Neil", 6)),
-      CALL(80106, "", qn_db_userOrlin_Update(ctx, 3, nullptr, 6)),
+      MFA_CALL(0, "", qn_db_userOrlin_Update(ctx, 3, "O'Neil", 6)),
+      MFA_CALL(80106, "", qn_db_userOrlin_Update(ctx, 3, nullptr, 6)),
       {"per user by id", byId(bob), 0, bobs, ""},
       {"per user by uid", byUid("bob"), 0, bobs, ""},
       {"no connections", byId(eve), 80105, "", none},
