@@ -332,17 +332,12 @@ TEST_F(OrlinClientsTest, UserProfilesAreGroupedPerClientAndPerUser) {
                            {"3", "bob", "h1.example", "o'brien", "0"},
                            {"4", "ann", "h1.example", "Svc''X", "0"}}));
 
-  auto byId = [&](int userid) {
+  // A user's connections by uid when given, else by id.
+  auto of = [&](int userid, const char *uid = nullptr) {
     return lists(
         [=, this](int *n, orlinClientUserData ***all) {
-          return qn_db_user_getAllOrlinClients(ctx, userid, n, all);
-        },
-        destroyOrlinClientUserData);
-  };
-  auto byUid = [&](const char *uid) {
-    return lists(
-        [=, this](int *n, orlinClientUserData ***all) {
-          return qn_db_user_getAllOrlinClientsByMFAId(ctx, uid, n, all);
+          return uid ? qn_db_user_getAllOrlinClientsByMFAId(ctx, uid, n, all)
+                     : qn_db_user_getAllOrlinClients(ctx, userid, n, all);
         },
         destroyOrlinClientUserData);
   };
@@ -355,10 +350,10 @@ TEST_F(OrlinClientsTest, UserProfilesAreGroupedPerClientAndPerUser) {
   mfatest::runSteps({
       MFA_CALL(0, "", qn_db_userOrlin_Update(ctx, 3, "O'Neil", 6)),
       MFA_CALL(80106, "", qn_db_userOrlin_Update(ctx, 3, nullptr, 6)),
-      {"per user by id", byId(bob), 0, bobs, ""},
-      {"per user by uid", byUid("bob"), 0, bobs, ""},
-      {"no connections", byId(eve), 80105, "", none},
-      {"an unknown uid", byUid("nobody"), 80105, "", "MFADB:User not found\n"},
+      {"per user by id", of(bob), 0, bobs, ""},
+      {"per user by uid", of(0, "bob"), 0, bobs, ""},
+      {"no connections", of(eve), 80105, "", none},
+      {"an unknown uid", of(0, "nobody"), 80105, "", "MFADB:User not found\n"},
       {"per client", client(h1), 0,
        "1 h1.example () 0 [1/1 bob: 1=root:0 3=O'Neil:6] [2/1 ann: 4=Svc''X:0]", ""},
       {"one link", link(4), 0, "2/1 h1.example: 4=Svc''X:0", ""},
