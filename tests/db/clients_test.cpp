@@ -28,6 +28,10 @@ template <typename Fn> std::string printed(Fn &&fn) {
   return std::regex_replace(mfatest::captureStdout(fn), stamp, "|");
 }
 
+std::string describe(const char *text) {
+  return text;
+}
+
 std::string describe(const clientData *c) {
   return std::to_string(c->pavoclientsid) + " " + c->ClientId + " " + c->ClientSecret + " " +
          c->ClientDescription;
@@ -275,13 +279,9 @@ TEST_F(OrlinClientsTest, ClientsAreAddedListedUpdatedAndShowTheirStatus) {
       lists([&](int *n, orlinClientData ***all) { return qn_db_orlin_GetAllClients(ctx, n, all); },
             destroyOrlinClientData);
   auto host = [&](int id) {
-    return [=, this](int &status) {
-      char *name = nullptr;
-      status = qn_db_orlin_GetClientHostnameFromId(ctx, id, &name);
-      std::string text = name ? name : "";
-      freeString(name);
-      return text;
-    };
+    return reads(
+        [=, this](char **name) { return qn_db_orlin_GetClientHostnameFromId(ctx, id, name); },
+        freeString);
   };
   mfatest::runSteps({{"an empty table", list, 80105, "", none}});
   const std::pair<const char *, int> added[] = {
