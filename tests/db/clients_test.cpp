@@ -150,15 +150,15 @@ TEST_F(PavoClientsTest, ClientsAreAddedReadUpdatedAndDeletedAndFailuresReported)
   EXPECT_EQ(status, 80101);
 }
 
-// The secret hash needs the database and a token: SoftHSM2 unless a
-// parameter names one.
-class SecretFixture : public mfatest::PgTest, protected mfatest::TokenFixture {
+// The secret hash needs the database and a token.
+class ClientSecretTest : public mfatest::PgTest,
+                         protected mfatest::TokenFixture,
+                         public testing::WithParamInterface<TokenKind> {
 protected:
-  TokenKind kind = TokenKind::SoftHsm;
   void SetUp() override {
     PgTest::SetUp();
     if (!IsSkipped() && !HasFatalFailure())
-      openToken(kind);
+      openToken(GetParam());
   }
   void TearDown() override {
     closeToken();
@@ -173,14 +173,6 @@ protected:
   }
   int validate(const char *id, const char *secret, qn_pkcs11_session *on = nullptr) {
     return qn_db_pavo_ValidateClientSecret(ctx, on ? on : session(), id, secret);
-  }
-};
-
-class ClientSecretTest : public SecretFixture, public testing::WithParamInterface<TokenKind> {
-protected:
-  void SetUp() override {
-    kind = GetParam();
-    SecretFixture::SetUp();
   }
 };
 
@@ -219,9 +211,10 @@ MFA_INSTANTIATE_ON_TOKENS(ClientSecretTest);
 
 // Destroys the hashing key, which other tests on a shared token would miss:
 // on the SoftHSM2 token of this run only.
-using SoftHsmSecretTest = SecretFixture;
+using SoftHsmSecretTest = ClientSecretTest;
+INSTANTIATE_TEST_SUITE_P(SoftHsm, SoftHsmSecretTest, testing::Values(TokenKind::SoftHsm));
 
-TEST_F(SoftHsmSecretTest, DestroyedKeyFailsTheRightSecretAndTokenFailuresArePassedOn) {
+TEST_P(SoftHsmSecretTest, DestroyedKeyFailsTheRightSecretAndTokenFailuresArePassedOn) {
   ASSERT_EQ(addPavo(ctx, "agent", hash("s3cret").c_str(), ""), 0);
   ASSERT_EQ(validate("agent", "s3cret"), 0);
   qn_pkcs11_key key{};
