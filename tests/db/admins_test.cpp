@@ -12,12 +12,6 @@ namespace {
 using AdminsTest = mfatest::PgTest;
 
 TEST_F(AdminsTest, AddReadRemoveAndList) {
-  auto add = [&](const char *uid, int rights) {
-    return mfatest::writes([=, this] { return qn_db_administratorAddUpdate(ctx, uid, rights); });
-  };
-  auto remove = [&](const char *uid) {
-    return mfatest::writes([=, this] { return qn_db_administratorRemove(ctx, uid, nullptr); });
-  };
   // "rights/suspended"
   auto info = [&](const char *uid) {
     return [=, this](int &status) {
@@ -42,19 +36,23 @@ TEST_F(AdminsTest, AddReadRemoveAndList) {
   mfatest::runSteps({
       {"an empty table lists nothing, silently", list, 80105, "-1:", ""},
       {"an unknown uid has no rights", info("bob"), 80105, "-1/-1", noData},
-      {"a new administrator", add("bob", 1), 0, "", ""},
-      {"rights are or-ed in", add("bob", 4), 0, "", ""},
-      {"and never taken away", add("bob", 1), 0, "", ""},
+      // Rights are or-ed in and never taken away.
+      MFA_CALL(0, "", qn_db_administratorAddUpdate(ctx, "bob", 1)),
+      MFA_CALL(0, "", qn_db_administratorAddUpdate(ctx, "bob", 4)),
+      MFA_CALL(0, "", qn_db_administratorAddUpdate(ctx, "bob", 1)),
       {"read back", info("bob"), 0, "5/0", ""},
-      {"the uid is kept as given", add("Alice", 2), 0, "", ""},
+      // The uid is kept as given.
+      MFA_CALL(0, "", qn_db_administratorAddUpdate(ctx, "Alice", 2)),
       {"so its lower case is unknown", info("alice"), 80105, "-1/-1", noData},
-      {"a quote is stored intact", add("o'neil", 8), 0, "", ""},
+      MFA_CALL(0, "", qn_db_administratorAddUpdate(ctx, "o'neil", 8)),
       {"listed in uid order", list, 0, "3: Alice||2|0 bob||5|0 o'neil||8|0", ""},
-      {"removed", remove("bob"), 0, "", ""},
-      {"removing again is an error", remove("bob"), 80105, "", "MFADB:No admin_users deleted.\n"},
-      {"a null uid cannot be escaped", remove(nullptr), 80106, "",
-       "MFADB:quotedDuplicateString returned NULL\n"},
-      {"a null uid is not added", add(nullptr, 1), 80106, "", ""},
+      // Removing twice is an error.
+      MFA_CALL(0, "", qn_db_administratorRemove(ctx, "bob", nullptr)),
+      MFA_CALL(80105, "MFADB:No admin_users deleted.\n",
+               qn_db_administratorRemove(ctx, "bob", nullptr)),
+      MFA_CALL(80106, "MFADB:quotedDuplicateString returned NULL\n",
+               qn_db_administratorRemove(ctx, nullptr, nullptr)),
+      MFA_CALL(80106, "", qn_db_administratorAddUpdate(ctx, nullptr, 1)),
       {"name and suspended flag come from their own columns",
        [&](int &status) {
          sql("update qmx_adminuser set name='Alice A', suspended=1 where unixuid='Alice'");

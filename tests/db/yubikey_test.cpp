@@ -20,10 +20,9 @@ using YubiKeyTest = mfatest::PgTest;
 
 TEST_F(YubiKeyTest, StoreFindAndDelete) {
   const char *id = "cccjgjgkhcbb";
-  auto store = [&](std::string csv) {
-    return mfatest::writes([=, this] { return qn_db_yubi_AddUpdateRecord(ctx, id, csv.c_str()); });
+  auto store = [&](const std::string &csv) {
+    return qn_db_yubi_AddUpdateRecord(ctx, id, csv.c_str());
   };
-  auto remove = mfatest::writes([&] { return qn_db_yubi_DeleteRecord(ctx, id); });
   auto find = [&](int &status) {
     char *csv = nullptr;
     status = qn_db_yubi_FindRecord(ctx, id, &csv);
@@ -36,22 +35,20 @@ TEST_F(YubiKeyTest, StoreFindAndDelete) {
   const std::string tooLong = "MFADB:statement too long: 2048 bytes do not fit a buffer of 2048\n";
   mfatest::runSteps({
       {"an unknown public id", find, 80105, "", "MFADB:PubId not found"},
-      {"stored", store("1,a"), 0, "", ""},
-      {"replaced", store("2,b"), 0, "", ""},
+      MFA_CALL(0, "", store("1,a")),
+      MFA_CALL(0, "", store("2,b")),
       {"one row with the second text", find, 0, "2,b", ""},
-      {"quotes, backslashes and UTF-8", store(odd), 0, "", ""},
+      MFA_CALL(0, "", store(odd)),
       {"read back byte for byte", find, 0, odd, ""},
-      {"deleted", remove, 0, "", ""},
+      MFA_CALL(0, "", qn_db_yubi_DeleteRecord(ctx, id)),
       {"then not found", find, 80105, "", "MFADB:PubId not found"},
-      {"deleting an unknown id succeeds", remove, 0, "", ""},
-      {"the longest text that fits", store(fits), 0, "", ""},
-      {"one byte more is refused", store(fits + "x"), 80106, "", tooLong},
+      MFA_CALL(0, "", qn_db_yubi_DeleteRecord(ctx, id)),
+      MFA_CALL(0, "", store(fits)),
+      MFA_CALL(80106, tooLong, store(fits + "x")),
       // A quote takes two bytes once escaped.
-      {"as is a text that fits only unescaped", store("'" + fits.substr(1)), 80106, "", tooLong},
+      MFA_CALL(80106, tooLong, store("'" + fits.substr(1))),
       {"the stored record is unchanged", find, 0, fits, ""},
-      {"a null text is refused",
-       mfatest::writes([&] { return qn_db_yubi_AddUpdateRecord(ctx, id, nullptr); }), 80106, "",
-       ""},
+      MFA_CALL(80106, "", qn_db_yubi_AddUpdateRecord(ctx, id, nullptr)),
   });
   EXPECT_EQ(value("select count(*) from QMX_YubiRecords"), "1");
 }

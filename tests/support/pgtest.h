@@ -56,6 +56,11 @@ template <typename Operation> std::function<std::string(int &)> writes(Operation
   };
 }
 
+// A step that hands nothing out, labelled by its call as written.
+// clang-format off
+#define MFA_CALL(status, printed, call) {#call, mfatest::writes([&] { return call; }), status, "", printed}
+// clang-format on
+
 // SQL text for a string value between single quotes.
 std::string quoted(const std::string &text);
 
