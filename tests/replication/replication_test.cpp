@@ -7,12 +7,11 @@
 #include "db/users.h"
 #include "support/env.h"
 #include "support/pgtest.h"
+#include "toolrun.h"
 
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 
-#include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -21,7 +20,6 @@
 #include <fstream>
 #include <memory>
 #include <optional>
-#include <regex>
 #include <thread>
 
 namespace {
@@ -131,37 +129,14 @@ void PrintTo(const Outcome &run, std::ostream *os) {
   *os << "status " << run.status << "\nstdout:\n" << run.out << "stderr:\n" << run.err;
 }
 
-std::string readBack(int fd) {
-  std::string text;
-  char buffer[4096];
-  lseek(fd, 0, SEEK_SET);
-  for (ssize_t got; (got = read(fd, buffer, sizeof buffer)) > 0;)
-    text.append(buffer, static_cast<size_t>(got));
-  close(fd);
-  static const std::regex stamp(R"(\d{4}-\d{2}-\d{2}-\d{2}-\d{2}-\d{2}\.\d{6} )");
-  return std::regex_replace(text, stamp, "<stamp> ");
-}
-
-Outcome runTool(const Settings &settings, std::vector<std::string> args) {
-  args.insert(args.begin(), MFA_BINARY_DIR "/bin/ldapfactor");
-  std::vector<char *> argv;
-  for (std::string &arg : args)
-    argv.push_back(arg.data());
-  argv.push_back(nullptr);
-  const int out = memfd_create("stdout", 0);
-  const int err = memfd_create("stderr", 0);
-  const pid_t child = fork();
-  if (child == 0) {
+// The tool as the acceptance tests run it, with the settings applied in the
+// child (a setting without a value is unset there).
+Outcome runTool(const Settings &settings, const std::vector<std::string> &args) {
+  const clitest::Ran ran = clitest::runRow(MFA_BINARY_DIR "/bin/ldapfactor", {args, "", 0}, [&] {
     apply(settings);
-    dup2(out, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  int wstatus = 0;
-  waitpid(child, &wstatus, 0);
-  return {readBack(out), readBack(err),
-          WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus)};
+    return std::string();
+  });
+  return {ran.out, ran.err, ran.status};
 }
 
 const std::string kSearchVal = "alice@example.com";
